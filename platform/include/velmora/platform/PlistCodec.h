@@ -1,0 +1,45 @@
+// Property-list codecs: binary (bplist00, version 1.0) and XML.
+//
+// All functions are pure and thread-safe. Decoders take any bytes: malformed,
+// truncated, cyclic or too deeply nested input yields the none value (or
+// nullopt), never a crash, a hang or a read out of bounds.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "velmora/platform/PropertyList.h"
+
+namespace velmora {
+
+// Binary property list, version 1.0. Strings and numbers are written once
+// and shared by reference. Returns nullopt when the value is not valid for the
+// binary format (PropertyList::isValidForBinaryFormat). Caller owns the bytes.
+std::optional<Bytes> encodeBinaryPlist(const PropertyList& value);
+
+// As encodeBinaryPlist, appending to out (an in-memory stream). Returns the
+// number of bytes appended, 0 on failure (out is then left as it was).
+std::size_t appendBinaryPlist(const PropertyList& value, Bytes& out);
+
+// Decodes one binary property list that spans exactly the given bytes.
+// Returns none for anything malformed.
+PropertyList decodeBinaryPlist(std::span<const std::uint8_t> bytes);
+
+// XML property list (UTF-8, with the usual DOCTYPE). Returns nullopt when the
+// value is not valid for the binary format (the same rules apply).
+std::optional<std::string> encodeXmlPlist(const PropertyList& value);
+
+// Decodes an XML property list through libxml2 (no network, no entity
+// expansion). Returns none for anything malformed.
+PropertyList decodeXmlPlist(std::span<const std::uint8_t> bytes);
+
+// Decodes either encoding, told apart by the leading "bplist00" magic.
+PropertyList decodePlist(std::span<const std::uint8_t> bytes);
+
+// Reads a whole property-list file (binary or XML). Returns none when the
+// file is missing, unreadable or malformed. Blocks on file I/O.
+PropertyList readPlistFile(const std::string& path);
+
+}  // namespace velmora
