@@ -1,0 +1,260 @@
+// Conversion between property lists and bus messages, without a bus daemon:
+// messages are made on a bus object over a socketpair, sealed and read back.
+#include "velmora/platform/DbusValue.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <string>
+
+#include "velmora/platform/Ipc.h"
+
+namespace velmora {
+namespace {
+
+class DbusValueTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_), 0);
+    ASSERT_GE(sd_bus_new(&bus_), 0);
+    ASSERT_GE(sd_bus_set_fd(bus_, fds_[0], fds_[0]), 0);
+    ASSERT_GE(sd_bus_start(bus_), 0);  // message creation wants a started bus
+  }
+  void TearDown() override {
+    sd_bus_message_unref(message_);
+    sd_bus_close_unref(bus_);
+    ::close(fds_[1]);
+  }
+
+  // A fresh method call to append to.
+  sd_bus_message* newMessage() {
+    sd_bus_message_unref(message_);
+    message_ = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_call(bus_, &message_, "com.vantrel.test", "/t", "com.vantrel.test", "M"), 0);
+    return message_;
+  }
+  // Seals the message and moves the read position to its first argument.
+  sd_bus_message* sealed() {
+    EXPECT_GE(sd_bus_message_seal(message_, 1, 0), 0);
+    EXPECT_GE(sd_bus_message_rewind(message_, 1), 0);
+    return message_;
+  }
+  PropertyList roundTrip(const PropertyList& dict) {
+    auto object = ipcObjectFromPropertyList(dict);
+    EXPECT_TRUE(object.has_value());
+    if (!object) return {};
+    EXPECT_GE(appendIpcObject(newMessage(), *object), 0);
+    return readDbusDictionary(sealed()).value_or(PropertyList());
+  }
+  // The variant signature each top-level entry travelled as.
+  std::map<std::string, std::string> entrySignatures() {
+    std::map<std::string, std::string> out;
+    sd_bus_message* m = sealed();
+    EXPECT_GT(sd_bus_message_enter_container(m, 'a', "{sv}"), 0);
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+      const char* key = nullptr;
+      char type = 0;
+      const char* contents = nullptr;
+      sd_bus_message_read_basic(m, 's', &key);
+      sd_bus_message_peek_type(m, &type, &contents);
+      out[key] = contents;
+      sd_bus_message_skip(m, "v");
+      sd_bus_message_exit_container(m);
+    }
+    return out;
+  }
+
+  int fds_[2] = {-1, -1};
+  sd_bus* bus_ = nullptr;
+  sd_bus_message* message_ = nullptr;
+};
+
+PropertyList everyType() {
+  return makeDictionary({
+      {"true", PropertyList::boolean(true)},
+      {"false", PropertyList::boolean(false)},
+      {"min", PropertyList::integer(std::numeric_limits<std::int64_t>::min())},
+      {"max", PropertyList::integer(std::numeric_limits<std::int64_t>::max())},
+      {"big", PropertyList::unsignedInteger(std::numeric_limits<std::uint64_t>::max())},
+      {"real", PropertyList::real(-2.5)},
+      {"nan", PropertyList::real(std::nan(""))},
+      {"date", PropertyList::date(-978307200.25)},
+      {"string", PropertyList::string("h\xC3\xA9llo \xF0\x9F\x8C\x8D")},
+      {"empty string", PropertyList::string("")},
+      {"data", PropertyList::data(Bytes{0, 1, 0, 255})},
+      {"empty data", PropertyList::data(Bytes{})},
+      {"array", makeArray({PropertyList::integer(1), PropertyList::string("two"),
+                           makeArray({PropertyList::date(3)}), PropertyList::dictionary({})})},
+      {"empty array", PropertyList::array({})},
+      {"dict", makeDictionary({{"inner", makeDictionary({{"x", PropertyList::real(0.5)}})}})},
+      {"", PropertyList::string("empty key")},
+  });
+}
+
+TEST_F(DbusValueTest, EveryTypeRoundTripsWithItsWireSignature) {
+  const PropertyList original = everyType();
+  EXPECT_EQ(roundTrip(original), original);
+
+  ASSERT_GE(appendIpcObject(newMessage(), *ipcObjectFromPropertyList(original)), 0);
+  auto signatures = entrySignatures();
+  EXPECT_EQ(signatures["true"], "b");
+  EXPECT_EQ(signatures["max"], "x");
+  EXPECT_EQ(signatures["big"], "t");
+  EXPECT_EQ(signatures["real"], "d");
+  EXPECT_EQ(signatures["date"], "(d)");
+  EXPECT_EQ(signatures["string"], "s");
+  EXPECT_EQ(signatures["data"], "ay");
+  EXPECT_EQ(signatures["array"], "av");
+  EXPECT_EQ(signatures["dict"], "a{sv}");
+
+  PropertyList back = roundTrip(original);
+  EXPECT_TRUE(back.find("big")->isUnsignedInteger());
+  EXPECT_FALSE(back.find("max")->isUnsignedInteger());
+  EXPECT_TRUE(back.find("date")->isDate());
+}
+
+TEST_F(DbusValueTest, ValuesTheBusCannotCarryAreRefused) {
+  const std::string withNul("a\0b", 3);
+  const std::string badUtf8 = "\xC3\x28";
+  const PropertyList refused[] = {
+      makeDictionary({{"k", PropertyList::string(withNul)}}),
+      makeDictionary({{"k", PropertyList::string(badUtf8)}}),
+      makeDictionary({{withNul, PropertyList::integer(1)}}),
+      makeDictionary({{badUtf8, PropertyList::integer(1)}}),
+      makeDictionary({{"k", makeArray({PropertyList::integer(1), PropertyList()})}}),
+      makeDictionary({{"k", makeDictionary({{"deep", makeArray({PropertyList::string(withNul)})}})}}),
+      makeArray({PropertyList::integer(1)}),  // the top must be a dictionary
+      PropertyList::string("not a dictionary"),
+      PropertyList(),
+  };
+  for (const PropertyList& value : refused) {
+    EXPECT_FALSE(ipcObjectFromPropertyList(value).has_value()) << value.description();
+  }
+  // The same string without its NUL is fine.
+  EXPECT_TRUE(ipcObjectFromPropertyList(makeDictionary({{"k", PropertyList::string("ab")}})).has_value());
+}
+
+// Dictionaries nested `levels` deep (counting the top), with leaf as the
+// innermost value.
+PropertyList nestedDictionaries(int levels, PropertyList leaf) {
+  PropertyList value = makeDictionary({{"k", std::move(leaf)}});
+  for (int i = 1; i < levels; ++i) value = makeDictionary({{"k", value}});
+  return value;
+}
+
+// The bus drops a connection whose message nests deeper than 64 containers;
+// each dictionary level costs three. The integration tests send the deepest
+// accepted value through a real bus.
+TEST_F(DbusValueTest, DepthCheckMatchesTheBusLimit) {
+  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::integer(1))).has_value());
+  EXPECT_FALSE(ipcObjectFromPropertyList(nestedDictionaries(22, PropertyList::integer(1))).has_value());
+  // At 21 levels the innermost variant sits at depth 63: a date or data
+  // (one more level) still fits, an array (two more) does not.
+  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::date(1))).has_value());
+  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::data(Bytes{1}))).has_value());
+  EXPECT_FALSE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::array({}))).has_value());
+
+  // Two dictionaries and 29 arrays put the innermost variant at exactly 64:
+  // a scalar fits there, a date or data does not.
+  auto arraysIn2Dictionaries = [](PropertyList leaf) {
+    PropertyList value = makeArray({std::move(leaf)});
+    for (int i = 1; i < 29; ++i) value = makeArray({value});
+    return nestedDictionaries(2, value);
+  };
+  EXPECT_TRUE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::integer(1))).has_value());
+  EXPECT_FALSE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::date(1))).has_value());
+  EXPECT_FALSE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::data(Bytes{}))).has_value());
+
+  PropertyList deepest = nestedDictionaries(21, PropertyList::date(7));
+  EXPECT_EQ(roundTrip(deepest), deepest);
+}
+
+TEST_F(DbusValueTest, OtherBasicTypesReadAsTheNearestValue) {
+  sd_bus_message* m = newMessage();
+  int devnull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(sd_bus_message_append(m, "a{sv}", 12,
+                                  "y", "y", 200,
+                                  "n", "n", -5,
+                                  "q", "q", 65000,
+                                  "i", "i", -7,
+                                  "u", "u", 4000000000u,
+                                  "t", "t", static_cast<std::uint64_t>(5),
+                                  "o", "o", "/a/b",
+                                  "g", "g", "a{sv}",
+                                  "h", "h", devnull,
+                                  "struct", "(is)", 5, "x",
+                                  "nested", "v", "v", "x", static_cast<std::int64_t>(9),
+                                  "matrix", "aai", 2, 2, 1, 2, 1, 3),
+            0);
+  ::close(devnull);
+  std::optional<PropertyList> read = readDbusDictionary(sealed());
+  ASSERT_TRUE(read.has_value());
+  const PropertyList expected = makeDictionary({
+      {"y", PropertyList::integer(200)},
+      {"n", PropertyList::integer(-5)},
+      {"q", PropertyList::integer(65000)},
+      {"i", PropertyList::integer(-7)},
+      {"u", PropertyList::integer(4000000000)},
+      {"t", PropertyList::integer(5)},
+      {"o", PropertyList::string("/a/b")},
+      {"g", PropertyList::string("a{sv}")},
+      // "h" is skipped: a descriptor is no value
+      {"struct", makeArray({PropertyList::integer(5), PropertyList::string("x")})},
+      {"nested", PropertyList::integer(9)},
+      {"matrix", makeArray({makeArray({PropertyList::integer(1), PropertyList::integer(2)}),
+                            makeArray({PropertyList::integer(3)})})},
+  });
+  EXPECT_EQ(*read, expected);
+  EXPECT_FALSE(read->find("t")->isUnsignedInteger());
+}
+
+TEST_F(DbusValueTest, OddDictionariesAndTopLevels) {
+  // Non-string keys become [key, value] pairs; path keys stay a dictionary.
+  sd_bus_message* m = newMessage();
+  ASSERT_GE(sd_bus_message_append(m, "a{is}a{ov}", 2, 1, "one", 2, "two", 1, "/p", "b", 1), 0);
+  sd_bus_message* s = sealed();
+  EXPECT_FALSE(readDbusDictionary(s).has_value());
+  ASSERT_GE(sd_bus_message_rewind(s, 1), 0);
+  EXPECT_EQ(readDbusValue(s),
+            makeArray({makeArray({PropertyList::integer(1), PropertyList::string("one")}),
+                       makeArray({PropertyList::integer(2), PropertyList::string("two")})}));
+  EXPECT_EQ(readDbusDictionary(s), makeDictionary({{"/p", PropertyList::boolean(true)}}));
+
+  // A variant around the dictionary is unwrapped; other value types are fine.
+  m = newMessage();
+  ASSERT_GE(sd_bus_message_append(m, "va{su}", "a{sv}", 1, "k", "s", "v", 2, "a", 1u, "a", 2u), 0);
+  s = sealed();
+  EXPECT_EQ(readDbusDictionary(s), makeDictionary({{"k", PropertyList::string("v")}}));
+  // Duplicate keys: the first wins.
+  EXPECT_EQ(readDbusDictionary(s), makeDictionary({{"a", PropertyList::integer(1)}}));
+  EXPECT_FALSE(readDbusDictionary(s).has_value()) << "no argument left";
+
+  // Tops that are no dictionary.
+  m = newMessage();
+  int devnull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(sd_bus_message_append(m, "uhas", 7u, devnull, 1, "x"), 0);
+  ::close(devnull);
+  s = sealed();
+  EXPECT_FALSE(readDbusDictionary(s).has_value());
+  ASSERT_GE(sd_bus_message_rewind(s, 1), 0);
+  EXPECT_EQ(readDbusValue(s), PropertyList::integer(7));
+  EXPECT_FALSE(readDbusValue(s).has_value()) << "a descriptor at the top";
+  EXPECT_FALSE(readDbusDictionary(s).has_value()) << "an array of strings";
+}
+
+TEST_F(DbusValueTest, AppendVariantRefusesWhatTheObjectCheckRefuses) {
+  EXPECT_EQ(appendDbusVariant(newMessage(), PropertyList::string(std::string("a\0b", 3))), -EINVAL);
+  EXPECT_EQ(appendDbusVariant(newMessage(), PropertyList()), -EINVAL);
+  sd_bus_message* m = newMessage();
+  ASSERT_GE(appendDbusVariant(m, PropertyList::date(12.5)), 0);
+  EXPECT_EQ(readDbusValue(sealed()), PropertyList::date(12.5));
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,274 @@
+// The private test bus and child processes. See PrivateBus.h.
+#include "PrivateBus.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string_view>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#ifndef VELMORA_RESPONDER_PATH
+#error "VELMORA_RESPONDER_PATH must name the scripted responder executable"
+#endif
+
+extern char** environ;
+
+namespace velmora::testing {
+namespace {
+
+PrivateBus* gBus = nullptr;  // set once by instance() on the main thread
+std::atomic<bool> gStarted{false};
+
+// Stops the bus after the last test of the run.
+class PrivateBusEnvironment final : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    if (gBus != nullptr) gBus->stop();
+  }
+};
+
+[[maybe_unused]] ::testing::Environment* const kEnvironment =
+    ::testing::AddGlobalTestEnvironment(new PrivateBusEnvironment);
+
+std::string busConfig(const std::string& directory, const std::string& services) {
+  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+         "<busconfig>\n"
+         "  <type>session</type>\n"
+         "  <keep_umask/>\n"
+         "  <listen>unix:dir=" + directory + "</listen>\n"
+         "  <auth>EXTERNAL</auth>\n"
+         "  <servicedir>" + services + "</servicedir>\n"
+         "  <policy context=\"default\">\n"
+         "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+         "    <allow eavesdrop=\"true\"/>\n"
+         "    <allow own=\"*\"/>\n"
+         "  </policy>\n"
+         "</busconfig>\n";
+}
+
+}  // namespace
+
+std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>& argv,
+                                                  const std::vector<std::string>& extraEnvironment) {
+  if (argv.empty()) return nullptr;
+  int out[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) return nullptr;
+  // Everything the child needs is built before fork: after it, only
+  // async-signal-safe calls are allowed.
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  // extraEnvironment replaces inherited variables of the same name.
+  std::vector<std::string> envStrings;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string_view entry(*e);
+    bool replaced = false;
+    for (const std::string& extra : extraEnvironment) {
+      std::string_view name = std::string_view(extra).substr(0, extra.find('=') + 1);
+      replaced = replaced || entry.substr(0, name.size()) == name;
+    }
+    if (!replaced) envStrings.emplace_back(entry);
+  }
+  for (const std::string& e : extraEnvironment) envStrings.push_back(e);
+  std::vector<char*> env;
+  for (const std::string& e : envStrings) env.push_back(const_cast<char*>(e.c_str()));
+  env.push_back(nullptr);
+  const pid_t parent = ::getpid();
+
+  pid_t pid = ::fork();
+  if (pid < 0) {
+    ::close(out[0]);
+    ::close(out[1]);
+    return nullptr;
+  }
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(126);  // the parent is already gone
+    ::dup2(out[1], STDOUT_FILENO);
+    ::execve(args[0], args.data(), env.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  return std::unique_ptr<ChildProcess>(new ChildProcess(pid, out[0]));
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+  }
+  if (stdoutFd_ >= 0) ::close(stdoutFd_);
+}
+
+std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    auto newline = buffered_.find('\n');
+    if (newline != std::string::npos) {
+      std::string line = buffered_.substr(0, newline);
+      buffered_.erase(0, newline + 1);
+      return line;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return std::nullopt;
+    pollfd pfd{stdoutFd_, POLLIN, 0};
+    int r = ::poll(&pfd, 1, static_cast<int>(left.count()));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return std::nullopt;
+    char chunk[512];
+    ssize_t n = ::read(stdoutFd_, chunk, sizeof chunk);
+    if (n <= 0) return std::nullopt;
+    buffered_.append(chunk, static_cast<std::size_t>(n));
+  }
+}
+
+void ChildProcess::signal(int sig) {
+  if (pid_ > 0) ::kill(pid_, sig);
+}
+
+std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    pid_t r = ::waitpid(pid_, &status, WNOHANG);
+    if (r == pid_) {
+      pid_ = -1;
+      return status;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+// ---------------------------------------------------------------------------
+
+std::unique_ptr<BusDaemon> BusDaemon::start() {
+  std::unique_ptr<BusDaemon> daemon(new BusDaemon());
+  char pattern[] = "/tmp/velmora-bus-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return nullptr;
+  daemon->directory_ = pattern;
+  daemon->serviceDirectory_ = daemon->directory_ + "/services";
+  std::filesystem::create_directory(daemon->serviceDirectory_);
+  const std::string configPath = daemon->directory_ + "/bus.conf";
+  std::ofstream(configPath) << busConfig(daemon->directory_, daemon->serviceDirectory_);
+  // The daemon prints its address on its standard output: our pipe.
+  daemon->process_ =
+      ChildProcess::start({"/usr/bin/dbus-daemon", "--config-file=" + configPath, "--nofork", "--print-address=1"});
+  std::optional<std::string> address =
+      daemon->process_ ? daemon->process_->readLine(std::chrono::seconds(10)) : std::nullopt;
+  if (!address || address->empty()) return nullptr;
+  daemon->address_ = *address;
+  return daemon;
+}
+
+BusDaemon::~BusDaemon() {
+  process_.reset();
+  if (!directory_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+  }
+}
+
+void BusDaemon::installService(const std::string& name, const std::vector<std::string>& argv) {
+  std::string exec;
+  for (const std::string& a : argv) {
+    if (!exec.empty()) exec += ' ';
+    exec += a;
+  }
+  std::ofstream(serviceDirectory_ + "/" + name + ".service")
+      << "[D-BUS Service]\nName=" << name << "\nExec=" << exec << "\n";
+}
+
+// ---------------------------------------------------------------------------
+
+PrivateBus& PrivateBus::instance() {
+  if (gBus == nullptr) {
+    auto* bus = new PrivateBus();
+    bus->startDaemon();
+    gBus = bus;
+    gStarted.store(true);
+  }
+  return *gBus;
+}
+
+bool PrivateBus::started() { return gStarted.load(); }
+
+void PrivateBus::startDaemon() {
+  daemon_ = BusDaemon::start();
+  if (!daemon_) {
+    std::fprintf(stderr, "PrivateBus: dbus-daemon did not start\n");
+    std::abort();
+  }
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", daemon_->address().c_str(), 1);
+  ::unsetenv("DBUS_STARTER_ADDRESS");
+  ::unsetenv("DBUS_STARTER_BUS_TYPE");
+}
+
+void PrivateBus::restart() {
+  daemon_.reset();
+  startDaemon();
+}
+
+void PrivateBus::stop() { daemon_.reset(); }
+
+std::string responderPath() { return VELMORA_RESPONDER_PATH; }
+
+std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std::vector<std::string>& arguments,
+                                             const std::string& busAddress) {
+  const std::string address = busAddress.empty() ? PrivateBus::instance().address() : busAddress;
+  std::vector<std::string> argv{responderPath(), "--name", name};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  auto child = ChildProcess::start(argv, {"DBUS_SESSION_BUS_ADDRESS=" + address});
+  if (!child) {
+    ADD_FAILURE() << "cannot start " << argv[0];
+    return nullptr;
+  }
+  std::optional<std::string> line = child->readLine(std::chrono::seconds(10));
+  if (!line || line->rfind("ready", 0) != 0) {
+    ADD_FAILURE() << "responder for " << name << " did not get ready (got '" << line.value_or("<nothing>") << "')";
+    return nullptr;
+  }
+  return child;
+}
+
+std::string uniqueBusName(const std::string& prefix) {
+  static std::atomic<int> counter{0};
+  return prefix + ".p" + std::to_string(::getpid()) + "n" + std::to_string(counter.fetch_add(1));
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+}  // namespace velmora::testing
