@@ -1,0 +1,374 @@
+// ZKVClient over the real transport: a private bus daemon and scripted
+// responder processes standing in for the daemon. What the daemon received is
+// read back from the responder's own records.
+#include "zkv/ZKVClient.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "PrivateBus.h"
+#include "velmora/platform/Dispatch.h"
+#include "velmora/platform/Ipc.h"
+#include "velmora/platform/Log.h"
+#include "velmora/platform/PlistCodec.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using velmora::DispatchQueue;
+using velmora::LogLevel;
+using velmora::makeDictionary;
+using velmora::PropertyList;
+using velmora::testing::PrivateBus;
+using velmora::testing::readFile;
+using velmora::testing::responderPath;
+using velmora::testing::startResponder;
+using velmora::testing::uniqueBusName;
+using velmora::testing::waitUntil;
+
+constexpr auto kPatience = 10s;  // how long to wait for other processes
+
+// The responder behaviour that answers {"userinfo": the request's "userinfo"}.
+constexpr const char* kUserInfoBehaviour = "userinfo";
+
+// The real session-bus transport, with the daemon's well-known name swapped
+// for one of the test's own: every test meets a fresh responder, and a short
+// call timeout keeps the silent-daemon case quick.
+class TestBusService final : public velmora::IpcService {
+ public:
+  TestBusService(std::string busName, std::chrono::milliseconds callTimeout)
+      : busName_(std::move(busName)), transport_(optionsWithTimeout(callTimeout)) {}
+
+  std::shared_ptr<velmora::IpcConnection> connect(std::string serviceName,
+                                                  std::shared_ptr<DispatchQueue> eventQueue) override {
+    {
+      std::lock_guard lock(mutex_);
+      requested_.push_back(std::move(serviceName));
+    }
+    return transport_.connect(busName_, std::move(eventQueue));
+  }
+
+  static velmora::DbusIpcOptions optionsWithTimeout(std::chrono::milliseconds callTimeout) {
+    velmora::DbusIpcOptions options;
+    options.callTimeout = callTimeout;
+    return options;
+  }
+
+  // The service names the client asked for, one per connection made.
+  std::vector<std::string> requested() {
+    std::lock_guard lock(mutex_);
+    return requested_;
+  }
+
+ private:
+  const std::string busName_;
+  velmora::DbusIpcService transport_;
+  std::mutex mutex_;
+  std::vector<std::string> requested_;  // guarded by mutex_
+};
+
+// Waits for a reply handler's calls.
+class HandlerProbe {
+ public:
+  ZKVReplyHandler handler() {
+    return [this](const ZKVReply& r) {
+      std::lock_guard lock(mutex_);
+      ++calls_;
+      onMain_ = onMain_ && DispatchQueue::main().isCurrent();
+      reply_ = r;
+      done_.notify_all();
+    };
+  }
+
+  ZKVReply wait() {
+    std::unique_lock lock(mutex_);
+    EXPECT_TRUE(done_.wait_for(lock, kPatience, [&] { return calls_ > 0; })) << "the reply handler never ran";
+    EXPECT_TRUE(onMain_) << "the reply handler ran off the main queue";
+    return reply_;
+  }
+
+  int calls() {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  int calls_ = 0;
+  bool onMain_ = true;
+  ZKVReply reply_;
+};
+
+void drainMainQueue() {
+  std::promise<void> done;
+  DispatchQueue::main().async([&] { done.set_value(); });
+  ASSERT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
+}
+
+class ZKVClientBusTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { PrivateBus::instance(); }
+
+  void SetUp() override {
+    std::filesystem::create_directory(plistDirectory());
+    useCallTimeout(kPatience);
+    previousSink_ = velmora::setLogSink(log_);
+  }
+
+  void TearDown() override {
+    for (std::weak_ptr<ZKVClient>& weak : clients_) {
+      if (auto client = weak.lock()) client->shutdown();
+    }
+    for (std::weak_ptr<ZKVClient>& weak : clients_) {
+      EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience)) << "a client outlived its shutdown";
+    }
+    velmora::setIpcService(previousService_);
+    velmora::setLogSink(previousSink_);
+  }
+
+  void useCallTimeout(std::chrono::milliseconds timeout) {
+    service_ = std::make_shared<TestBusService>(name_, timeout);
+    auto previous = velmora::setIpcService(service_);
+    if (!previousService_) previousService_ = previous;
+  }
+
+  std::shared_ptr<ZKVClient> makeClient(std::optional<std::string> bundle = "com.example.app",
+                                        std::optional<std::string> store = std::nullopt, bool additional = false) {
+    auto client = ZKVClient::create(nullptr, std::move(bundle), std::move(store), additional);
+    clients_.push_back(client);
+    return client;
+  }
+
+  // A responder owning this test's name that records what it receives.
+  std::unique_ptr<velmora::testing::ChildProcess> startDaemon(std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.begin(), {"--record", recordPath(), "--record-plists", plistDirectory()});
+    return startResponder(name_, arguments);
+  }
+
+  std::string recordPath() const { return PrivateBus::instance().directory() + "/" + name_ + ".record"; }
+  std::string plistDirectory() const { return PrivateBus::instance().directory() + "/" + name_ + ".plists"; }
+
+  // The responder's record, one line per request received.
+  std::vector<std::string> recorded() const {
+    std::vector<std::string> lines;
+    std::string text = readFile(recordPath()).value_or("");
+    for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+      lines.push_back(text.substr(start, end - start));
+    }
+    return lines;
+  }
+
+  // The n-th request (from 1) exactly as the responder received it.
+  PropertyList receivedRequest(int n) const {
+    const std::string path = plistDirectory() + "/request-" + std::to_string(n) + ".bplist";
+    EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(path); }, kPatience)) << path;
+    std::string bytes = readFile(path).value_or("");
+    return velmora::decodeBinaryPlist({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+  }
+
+  bool logged(LogLevel level, const std::string& message) {
+    return waitUntil(
+        [&] {
+          auto lines = log_->lines();
+          return std::any_of(lines.begin(), lines.end(), [&](const velmora::CapturedLogLine& l) {
+            return l.category == "Default" && l.level == level && l.message == message;
+          });
+        },
+        kPatience);
+  }
+
+  const std::string name_ = uniqueBusName("com.vantrel.test.ZKVClient");
+  std::shared_ptr<TestBusService> service_;
+  std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
+  std::vector<std::weak_ptr<ZKVClient>> clients_;
+
+ private:
+  std::shared_ptr<velmora::IpcService> previousService_;
+  std::shared_ptr<velmora::LogSink> previousSink_;
+};
+
+
+// ---------------------------------------------------------------------------
+
+TEST_F(ZKVClientBusTest, DaemonReceivesTheEnvelopeAsBuilt) {
+  auto daemon = startDaemon({"--default", "neither"});
+  ASSERT_TRUE(daemon);
+  auto store = makeClient("com.example.app", "com.example.app.extra", true);
+  store->sendMessageWithName("synchronizeRemote");
+  auto management = makeClient(std::nullopt, std::nullopt, false);
+  EXPECT_TRUE(management->sendMessageWithNameUserInfo("printDebugDescription", {}).isNone());
+  EXPECT_TRUE(management->sendMessageWithNameUserInfo("discardJournalEntries", PropertyList::integer(17)).isNone());
+
+  EXPECT_EQ(receivedRequest(1), makeDictionary({{"message", PropertyList::string("synchronizeRemote")},
+                                                {"userinfo", makeDictionary({})},
+                                                {"bundleIdentifier", PropertyList::string("com.example.app")},
+                                                {"storeIdentifier", PropertyList::string("com.example.app.extra")},
+                                                {"additionalStore", PropertyList::boolean(true)}}));
+  EXPECT_EQ(receivedRequest(2), makeDictionary({{"message", PropertyList::string("printDebugDescription")},
+                                                {"userinfo", makeDictionary({})}}));
+  EXPECT_EQ(receivedRequest(3), makeDictionary({{"message", PropertyList::string("discardJournalEntries")},
+                                                {"userinfo", PropertyList::integer(17)}}));
+  const auto lines = recorded();
+  ASSERT_EQ(lines.size(), 3u);
+  const std::string route = "path=/com/vantrel/velmorad interface=com.vantrel.velmorad member=Request destination=" +
+                            name_ + " signature=a{sv} ";
+  EXPECT_TRUE(lines[0].starts_with(route + "expect_reply=0")) << lines[0];
+  EXPECT_TRUE(lines[1].starts_with(route + "expect_reply=1")) << lines[1];
+  EXPECT_EQ(service_->requested(), (std::vector<std::string>{"com.vantrel.velmorad-sim", "com.vantrel.velmorad-sim"}));
+}
+
+TEST_F(ZKVClientBusTest, RepliesWithoutUserInfo) {
+  auto daemon = startDaemon({"--on", "register=error", "--on", "trackSynchronizeRemote=both"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+
+  HandlerProbe error;
+  client->sendMessageWithNameReplyHandler("register", error.handler());
+  EXPECT_EQ(error.wait(), ZKVReply(ZKVError{"scripted", 1, {}}));
+  HandlerProbe both;
+  client->sendMessageWithNameReplyHandler("trackSynchronizeRemote", both.handler());
+  EXPECT_EQ(both.wait(), ZKVReply(ZKVError{"scripted", 1, {}}));
+  HandlerProbe neither;
+  client->sendMessageWithNameReplyHandler("neither", neither.handler());
+  EXPECT_EQ(neither.wait(), ZKVReply(std::monostate{}));
+
+  // The synchronous path sees a daemon-side error only as no "userinfo";
+  // it is a reply, so nothing is retried.
+  EXPECT_TRUE(client->sendMessageWithNameUserInfo("register", {}).isNone());
+  EXPECT_EQ(recorded().size(), 4u);
+  EXPECT_EQ(service_->requested().size(), 1u);
+  drainMainQueue();
+  EXPECT_EQ(error.calls() + both.calls() + neither.calls(), 3);
+}
+
+TEST_F(ZKVClientBusTest, BusErrorIsRetriedOnceSynchronouslyAndIsEinvalAsynchronously) {
+  auto daemon = startDaemon({"--on", "synchronize=dbus-error", "--on", "register=dbus-error"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  EXPECT_TRUE(client->sendMessageWithNameUserInfo("synchronize", makeDictionary({})).isNone());
+  EXPECT_EQ(recorded().size(), 2u);
+  EXPECT_EQ(service_->requested().size(), 2u);
+  EXPECT_TRUE(logged(LogLevel::Debug, "error sending message synchronize to ZKV server"));
+
+  HandlerProbe probe;
+  client->sendMessageWithNameReplyHandler("register", probe.handler());
+  const ZKVReply r = probe.wait();
+  ASSERT_TRUE(std::holds_alternative<ZKVError>(r));
+  const ZKVError& e = std::get<ZKVError>(r);
+  EXPECT_EQ(e.domain, kZKVPOSIXErrorDomain);
+  EXPECT_EQ(e.code, 22);
+  EXPECT_EQ(e.userInfo, (velmora::PlistDictionary{{std::string(kZKVErrorDescriptionKey),
+                                                   PropertyList::string("remote-error com.vantrel.velmorad.Error."
+                                                                        "Scripted: scripted error")}}));
+  EXPECT_EQ(recorded().size(), 3u);
+  EXPECT_EQ(service_->requested().size(), 2u);
+}
+
+TEST_F(ZKVClientBusTest, SilentDaemonMeansNoReplyAndNoRetry) {
+  useCallTimeout(300ms);
+  auto daemon = startDaemon({"--default", "silent"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  EXPECT_TRUE(client->sendMessageWithNameUserInfo("synchronize", {}).isNone());
+  EXPECT_EQ(recorded().size(), 1u);
+  EXPECT_EQ(service_->requested().size(), 1u);
+  EXPECT_TRUE(logged(LogLevel::Debug, "no reply sending message synchronize to ZKV server"));
+
+  HandlerProbe probe;
+  client->sendMessageWithNameReplyHandler("getConfiguration", probe.handler());
+  ASSERT_TRUE(logged(LogLevel::Debug, "no reply sending message getConfiguration to ZKV server"));
+  drainMainQueue();
+  EXPECT_EQ(probe.calls(), 0);
+}
+
+TEST_F(ZKVClientBusTest, DaemonDyingMidCallIsRetriedOnTheActivatedDaemon) {
+  PrivateBus::instance().installService(name_, {responderPath(), "--name", name_, "--record", recordPath(),
+                                                "--default", kUserInfoBehaviour, "--exit-after", "1"});
+  auto daemon = startDaemon({"--on", "synchronize=exit"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  const PropertyList payload = makeDictionary({{"changecount", PropertyList::integer(3)}});
+  EXPECT_EQ(client->sendMessageWithNameUserInfo("synchronize", payload), payload);
+  // The first copy reached the dying daemon, the second the activated one.
+  EXPECT_EQ(recorded().size(), 2u);
+  EXPECT_EQ(service_->requested().size(), 2u);
+  EXPECT_FALSE(log_->contains("error sending message"));
+}
+
+TEST_F(ZKVClientBusTest, DaemonDyingMidCallWithNoneToActivateGivesNone) {
+  auto daemon = startDaemon({"--on", "synchronize=exit"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  EXPECT_TRUE(client->sendMessageWithNameUserInfo("synchronize", {}).isNone());
+  EXPECT_EQ(recorded().size(), 1u);
+  EXPECT_EQ(service_->requested().size(), 2u);
+  EXPECT_TRUE(logged(LogLevel::Debug, "error sending message synchronize to ZKV server"));
+  EXPECT_TRUE(logged(LogLevel::Debug, "connection to ZKV service interrupted"));
+}
+
+TEST_F(ZKVClientBusTest, RestartedDaemonIsReachedOnTheSameConnection) {
+  auto first = startDaemon({"--default", "neither"});
+  ASSERT_TRUE(first);
+  auto client = makeClient();
+  client->sendMessageWithNameUserInfo("ping", {});
+  first->signal(SIGKILL);
+  ASSERT_TRUE(first->waitForExit(kPatience));
+  ASSERT_TRUE(logged(LogLevel::Debug, "connection to ZKV service interrupted"));
+
+  auto second = startDaemon({"--default", "neither"});
+  ASSERT_TRUE(second);
+  client->sendMessageWithNameUserInfo("ping", {});
+  EXPECT_EQ(recorded().size(), 2u);
+  EXPECT_EQ(service_->requested().size(), 1u);
+}
+
+TEST_F(ZKVClientBusTest, UnsolicitedMessageIsLoggedAndIgnored) {
+  auto daemon = startDaemon({"--on", "ping=unsolicited", "--default", "neither"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  client->sendMessageWithNameUserInfo("ping", {});
+  EXPECT_TRUE(logged(LogLevel::Default, "unexpected event connecting to ZKV service"));
+  client->sendMessageWithNameUserInfo("other", {});
+  EXPECT_EQ(recorded().size(), 2u);
+  EXPECT_EQ(service_->requested().size(), 1u);
+}
+
+TEST_F(ZKVClientBusTest, ShutdownWithAnOutstandingRequestCallsTheHandlerOnce) {
+  auto daemon = startDaemon({"--on", "resetapps=delay"});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient(std::nullopt);
+  HandlerProbe probe;
+  client->sendMessageWithNameReplyHandler("resetapps", probe.handler());
+  ASSERT_TRUE(waitUntil([&] { return recorded().size() == 1; }, kPatience));
+  client->shutdown();
+  const ZKVReply r = probe.wait();
+  // The cancel normally wins; a reply that beat it is as good.
+  if (std::holds_alternative<ZKVError>(r)) {
+    EXPECT_EQ(std::get<ZKVError>(r).code, 22);
+  }
+  std::this_thread::sleep_for(400ms);  // past the daemon's 200 ms delay
+  drainMainQueue();
+  EXPECT_EQ(probe.calls(), 1);
+}
+
+TEST_F(ZKVClientBusTest, UserInfoRoundTrips) {
+  auto daemon = startDaemon({"--default", kUserInfoBehaviour});
+  ASSERT_TRUE(daemon);
+  auto client = makeClient();
+  const PropertyList payload = makeDictionary({{"k", PropertyList::integer(5)}});
+  EXPECT_EQ(client->sendMessageWithNameUserInfo("synchronize", payload), payload);
+  HandlerProbe probe;
+  client->sendMessageWithNameUserInfoReplyHandler("register", payload, probe.handler());
+  EXPECT_EQ(probe.wait(), ZKVReply(payload));
+}
+
+}  // namespace
