@@ -1,0 +1,663 @@
+// The per-store source: identity and location, value access, loading of the
+// store file, configuration and memory-pressure eviction. The queues, the
+// lock and the waiting order are described in the header's design note.
+#include "zkv/ZKVRemotePreferencesSource.h"
+
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "velmora/platform/Dispatch.h"
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Log.h"
+#include "velmora/platform/PlistCodec.h"
+#include "velmora/platform/SystemNotifications.h"
+#include "zkv/ZKVClient.h"
+#include "zkv/ZKVEncoding.h"
+#include "zkv/ZKVJournal.h"
+#include "zkv/ZKVLog.h"
+
+using velmora::LogLevel;
+using velmora::PlistDictionary;
+using velmora::PropertyList;
+
+namespace {
+
+constexpr const char* kSourceFile = "framework/ZKVRemotePreferencesSource";
+constexpr const char* kSetValueOperation = "ZKVRemotePreferencesSource::setValueForKey";
+constexpr std::string_view kContainedVariable = "QXFIXED_USER_HOME";
+constexpr std::string_view kNullText = "(null)";
+
+// Store-file keys.
+constexpr std::string_view kValuesKey = "values";
+constexpr std::string_view kChangeCountKey = "changecount";
+constexpr std::string_view kInitialSyncKey = "initialsync";
+constexpr std::string_view kVersionIdKey = "versionid";
+
+// The change code the library itself records: "changed elsewhere".
+constexpr std::int64_t kChangeCodeChanged = 1;
+
+const velmora::LogHandle& defaultLog() { return *ZKVGetDefaultLog(); }
+
+// Builds and sends the line only when the level is enabled, so hot paths pay
+// one check when debug logging is off.
+template <class MakeLine>
+void logLazily(LogLevel level, MakeLine&& makeLine) {
+  const velmora::LogHandle& log = defaultLog();
+  if (log.isEnabled(level)) log.log(level, std::forward<MakeLine>(makeLine)());
+}
+
+std::string cat(std::initializer_list<std::string_view> parts) {
+  std::size_t size = 0;
+  for (std::string_view part : parts) size += part.size();
+  std::string out;
+  out.reserve(size);
+  for (std::string_view part : parts) out += part;
+  return out;
+}
+
+std::string_view yesNo(bool value) { return value ? "YES" : "NO"; }
+
+std::string_view orNull(const std::optional<std::string>& text) {
+  return text ? std::string_view(*text) : kNullText;
+}
+
+std::string_view orNull(const std::optional<std::filesystem::path>& path) {
+  return path ? std::string_view(path->native()) : kNullText;
+}
+
+// A directory as log lines show it: with its trailing slash.
+std::string directoryText(const std::filesystem::path& directory) {
+  std::string text = directory.native();
+  if (text.empty() || text.back() != '/') text.push_back('/');
+  return text;
+}
+
+// The integer value of a configuration entry as an unsigned limit: integers
+// keep their bits (a negative one reads huge), reals are truncated, booleans
+// count 0 or 1, anything else is 0.
+std::uint64_t unsignedIntegerValue(const PropertyList& value) {
+  if (value.isInteger()) return value.unsignedValue();
+  if (value.isReal()) {
+    std::int64_t truncated = 0;
+    (void)value.getInt64(truncated);
+    return static_cast<std::uint64_t>(truncated);
+  }
+  if (value.isBoolean()) return value.booleanValue() ? 1 : 0;
+  return 0;
+}
+
+// The built-in limits, made once and never freed.
+const PlistDictionary& defaultConfiguration() {
+  static const PlistDictionary* const table = new PlistDictionary{
+      {"maxKeyCount", PropertyList::integer(1024)},
+      {"maxKeyNameLen", PropertyList::integer(64)},
+      {"maxKeyDataLen", PropertyList::integer(1048576)},
+      {"maxKeyDataSum", PropertyList::integer(1048576)},
+  };
+  return *table;
+}
+
+// Absolute time as a record timestamp: whole seconds, truncated toward zero.
+// A clock outside the 64-bit range gives 0, which no record accepts.
+std::int64_t timestampFromAbsoluteTime(double seconds) {
+  if (!(std::fabs(seconds) < 9.0e18)) return 0;
+  return static_cast<std::int64_t>(std::trunc(seconds));
+}
+
+// Values are immutable and copy-on-write, so sharing the payload is an
+// immutable deep copy: a later edit through the caller's handle clones first.
+PropertyList deepCopyPropertyList(const PropertyList& value) { return value; }
+
+[[noreturn]] void raiseAssertion(const std::string& description, const void* object, int line) {
+  throw ZKVAssertionFailure(description, kSetValueOperation, object, kSourceFile, line);
+}
+
+// Holds the keep-alive transaction for one operation on the protection
+// queue; end() closes it early, the destructor on every other path
+// (exceptions included).
+class TransactionScope {
+ public:
+  explicit TransactionScope(ZKVRemotePreferencesSource& source) : source_(&source) {
+    source.lockedZkvStartTransaction();
+  }
+  ~TransactionScope() { end(); }
+  TransactionScope(const TransactionScope&) = delete;
+  TransactionScope& operator=(const TransactionScope&) = delete;
+
+  void end() {
+    if (source_ != nullptr) std::exchange(source_, nullptr)->lockedZkvEndTransaction();
+  }
+
+ private:
+  ZKVRemotePreferencesSource* source_;  // the caller's queue item; null once ended
+};
+
+// The store file of a new source, or nullopt; logs where it lies.
+std::optional<std::filesystem::path> locateStoreFile(const std::optional<std::string>& applicationID,
+                                                     const std::optional<std::string>& storeID, bool shared,
+                                                     bool additionalSource,
+                                                     const std::optional<std::string>& containerPath) {
+  if (!applicationID) return std::nullopt;
+  const bool contained = !shared && velmora::currentEnvironment().getVariable(kContainedVariable).has_value();
+  std::optional<std::filesystem::path> location = ZKVRemotePreferencesCreateURLForStorage(
+      *applicationID, additionalSource ? storeID : std::nullopt, containerPath, contained);
+  logLazily(LogLevel::Debug, [&] {
+    return cat({"URL for ", *applicationID, " (shared: ", yesNo(shared), " - contained: ", yesNo(contained),
+                " - storeID: ", orNull(storeID), " - additionalSource: ", yesNo(additionalSource), ") is ",
+                orNull(location)});
+  });
+  return location;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Assertion failures.
+
+ZKVAssertionFailure::ZKVAssertionFailure(const std::string& description, std::string operation, const void* object,
+                                         std::string file, int line)
+    : std::logic_error(description),
+      operation_(std::move(operation)),
+      object_(object),
+      file_(std::move(file)),
+      line_(line) {}
+
+// ---------------------------------------------------------------------------
+// Storage location.
+
+std::optional<std::filesystem::path> ZKVRemotePreferencesCreateURLForStorage(
+    const std::string& applicationID, const std::optional<std::string>& storeID,
+    const std::optional<std::string>& containerPath, bool contained) {
+  std::filesystem::path base;
+  if (containerPath && contained) {
+    base = *containerPath;
+  } else {
+    std::optional<std::string> home = velmora::currentEnvironment().homeDirectory();
+    if (!home) return std::nullopt;
+    base = std::move(*home);
+  }
+  const std::filesystem::path directory = base / "Library" / "Quellstore";
+  std::filesystem::path location =
+      directory / (storeID ? cat({applicationID, "-", *storeID, ".plist"}) : cat({applicationID, ".plist"}));
+  logLazily(LogLevel::Debug, [&] {
+    return cat({"ZKVRemotePreferencesCreateURLForStorage ", directoryText(directory), " - ", directoryText(base)});
+  });
+  return location;
+}
+
+// ---------------------------------------------------------------------------
+// Loading the store file.
+
+void ZKVApplyStoreFileContents(ZKVStoreLoadState& state, PropertyList contents, std::string_view location) {
+  const std::int64_t oldCount = state.storageChangeCount;
+  // Editing an unshared decode does not copy it; a shared one is cloned
+  // first, leaving the other holders' value alone.
+  PlistDictionary* file = contents.editDictionary();
+  logLazily(LogLevel::Debug, [&] {
+    return cat({"urlOnDisk:", location, ", hasDict:", file != nullptr ? "1" : "0"});
+  });
+
+  if (file == nullptr) {
+    state.cache.reset();
+    state.initialSyncChangeCount = -1;
+    state.storageChangeCount = 0;
+    state.isInitialSync = false;
+    logLazily(LogLevel::Debug, [&] { return cat({"No content for ", location}); });
+    state.cache.emplace();
+    return;
+  }
+
+  auto valuesEntry = file->find(kValuesKey);
+  PropertyList* values =
+      valuesEntry != file->end() && valuesEntry->second.isDictionary() ? &valuesEntry->second : nullptr;
+
+  const ZKVJournal journal = ZKVJournal::withStore(*file);
+  PropertyList changes;
+  try {
+    changes = journal.changesSinceChangeCount(oldCount);
+  } catch (const std::invalid_argument&) {
+    // A journal entry without a change code: the journal tells nothing.
+  }
+  const std::int64_t maximum = journal.maximumChangeCount();
+
+  if (const PlistDictionary* changed = changes.getDictionary()) {
+    if (state.externalChanges) {
+      for (const auto& [key, code] : *changed) state.externalChanges->insert_or_assign(key, code);
+    } else {
+      state.externalChanges = *changed;
+    }
+  }
+
+  std::int64_t newCount = 0;
+  if (auto found = file->find(kChangeCountKey); found != file->end() && found->second.isNumber()) {
+    (void)found->second.getInt64(newCount);
+  }
+
+  // Without a journal's word, tell what changed by comparing whole records
+  // (a new timestamp counts) with the cache held before this load.
+  if (!state.externalChanges && oldCount >= 0 && newCount > oldCount) {
+    const PlistDictionary* fileValues = values != nullptr ? values->getDictionary() : nullptr;
+    const PlistDictionary* oldCache = state.cache ? &*state.cache : nullptr;
+    const PropertyList code = PropertyList::integer(kChangeCodeChanged);
+    PlistDictionary found;
+    if (fileValues != nullptr) {
+      for (const auto& [key, record] : *fileValues) {
+        auto before = oldCache != nullptr ? oldCache->find(key) : PlistDictionary::const_iterator();
+        if (oldCache == nullptr || before == oldCache->end() || before->second != record) {
+          found.emplace_hint(found.end(), key, code);
+        }
+      }
+    }
+    if (oldCache != nullptr) {
+      for (const auto& [key, record] : *oldCache) {
+        if (fileValues == nullptr || !fileValues->contains(key)) found.emplace(key, code);
+      }
+    }
+    if (!found.empty()) state.externalChanges = std::move(found);
+  }
+
+  if (values != nullptr) {
+    state.cache = std::move(*values->editDictionary());
+  } else {
+    state.cache.reset();
+  }
+  state.storageChangeCount = newCount;
+
+  if (maximum > newCount) {
+    logLazily(LogLevel::Default, [&] {
+      char line[128];
+      std::snprintf(line, sizeof line, "Incorrect NimbrelStore journal change count: %lld - should be at least %lld",
+                    static_cast<long long>(newCount), static_cast<long long>(maximum));
+      return std::string(line);
+    });
+  }
+
+  std::int64_t mark = 0;
+  if (auto found = file->find(kInitialSyncKey); found != file->end() && found->second.isNumber()) {
+    (void)found->second.getInt64(mark);
+  } else if (file->contains(kVersionIdKey)) {
+    mark = newCount;
+  } else {
+    state.initialSyncChangeCount = -1;
+    state.isInitialSync = false;
+    if (!state.cache) state.cache.emplace();
+    return;
+  }
+  // Only a load that follows one which knew of no initial synchronisation
+  // reports it: the first load of a source never does.
+  if (mark >= 0 && state.initialSyncChangeCount == -1) {
+    logLazily(LogLevel::Debug, [] { return std::string("Detecting initial sync from server"); });
+    state.isInitialSync = true;
+  } else {
+    state.isInitialSync = false;
+  }
+  state.initialSyncChangeCount = mark;
+
+  if (!state.cache) state.cache.emplace();
+}
+
+// ---------------------------------------------------------------------------
+// Creation and teardown.
+
+std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
+    std::optional<std::string> applicationID, bool shared) {
+  return create(std::move(applicationID), std::nullopt, shared, false, std::nullopt);
+}
+
+std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
+    std::optional<std::string> applicationID, std::optional<std::string> storeID, bool shared) {
+  return create(std::move(applicationID), std::move(storeID), shared, false, std::nullopt);
+}
+
+std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
+    std::optional<std::string> applicationID, std::optional<std::string> storeID, bool shared,
+    bool additionalSource) {
+  return create(std::move(applicationID), std::move(storeID), shared, additionalSource, std::nullopt);
+}
+
+std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
+    std::optional<std::string> applicationID, std::optional<std::string> storeID, bool shared,
+    bool additionalSource, std::optional<std::string> containerPath) {
+  auto source = std::make_shared<ZKVRemotePreferencesSource>(PrivateTag{}, std::move(applicationID), storeID, shared,
+                                                             additionalSource, containerPath);
+  source->observeSystemNotifications();
+  source->createMemoryWarningSource();
+  return source;
+}
+
+ZKVRemotePreferencesSource::ZKVRemotePreferencesSource(PrivateTag, std::optional<std::string> applicationID,
+                                                       const std::optional<std::string>& storeID, bool shared,
+                                                       bool additionalSource,
+                                                       const std::optional<std::string>& containerPath)
+    : environment_(velmora::currentEnvironment()),
+      preferenceID_(applicationID),
+      urlOnDisk_(locateStoreFile(applicationID, storeID, shared, additionalSource, containerPath)) {
+  store_.initialSyncChangeCount = -2;
+  client_ = ZKVClient::create(nullptr, shared ? std::move(applicationID) : std::nullopt, storeID, additionalSource);
+  registrationQueue_ = velmora::DispatchQueue::createSerial(std::string(kRegistrationQueueLabel));
+  protectionQueue_ = velmora::DispatchQueue::createSerial(std::string(kProtectionQueueLabel));
+  store_.storageChangeCount = -1;
+}
+
+void ZKVRemotePreferencesSource::observeSystemNotifications() {
+  notificationCenter_ = &velmora::currentSystemNotificationCenter();
+  // Subscribing from creation on means no posting made after the source
+  // exists is missed; what each posting sets off belongs to the registration
+  // and configuration relays, which the handlers hand on to.
+  for (std::string_view name : {kConfigurationDidChangeSystemNotification,
+                                kSourceDidChangeExternallySystemNotification}) {
+    notificationCenter_->addObserver(std::string(name), nullptr, [] {}, this);
+  }
+}
+
+void ZKVRemotePreferencesSource::createMemoryWarningSource() {
+  std::weak_ptr<ZKVRemotePreferencesSource> weak = weak_from_this();
+  auto registration = std::make_unique<velmora::MemoryWarningRegistration>(
+      velmora::observeMemoryWarnings(protectionQueue_, [weak] {
+        // Weak, so that the registration never keeps the source alive; the
+        // check of the registration covers a warning queued before teardown.
+        if (std::shared_ptr<ZKVRemotePreferencesSource> source = weak.lock()) {
+          if (source->memoryWarningSource_) source->lockedDidReceiveMemoryWarning();
+        }
+      }));
+  std::unique_ptr<velmora::MemoryWarningRegistration> previous;
+  protectionQueue_->sync([&] {
+    previous = std::exchange(memoryWarningSource_, std::move(registration));
+  });
+  // previous (if any) is cancelled here, off the queue.
+}
+
+ZKVRemotePreferencesSource::~ZKVRemotePreferencesSource() {
+  if (notificationCenter_ != nullptr) notificationCenter_->removeObservers(this);
+  {
+    std::lock_guard lock(configurationLock_);
+    configurationDictionary_ = PropertyList();
+  }
+  if (memoryWarningSource_) {
+    memoryWarningSource_->cancel();
+    memoryWarningSource_.reset();
+  }
+  // A warning handler may hold the last reference, so teardown can run on
+  // the protection queue itself; it must not wait for that queue then.
+  auto release = [this] {
+    store_.cache.reset();
+    dirtyKeys_.reset();
+  };
+  if (protectionQueue_->isCurrent()) {
+    release();
+  } else {
+    protectionQueue_->sync(release);
+  }
+  client_->shutdown();
+}
+
+// ---------------------------------------------------------------------------
+// Keep-alive transaction.
+
+void ZKVRemotePreferencesSource::lockedZkvStartTransaction() {
+  protectionQueue_->assertCurrent();
+  if (!isExecutingForClient_) isExecutingForClient_.emplace(std::string(kTransactionName));
+}
+
+void ZKVRemotePreferencesSource::lockedZkvEndTransaction() {
+  protectionQueue_->assertCurrent();
+  isExecutingForClient_.reset();
+}
+
+bool ZKVRemotePreferencesSource::lockedIsExecutingForClient() const {
+  protectionQueue_->assertCurrent();
+  return isExecutingForClient_.has_value();
+}
+
+// ---------------------------------------------------------------------------
+// Values.
+
+PropertyList ZKVRemotePreferencesSource::getValueForKey(std::string_view key) {
+  PropertyList value;
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    if (!store_.cache) lockedSynchronizeForced(false);
+    auto found = store_.cache->find(key);
+    // Records are immutable, so reading the value out here is the same as
+    // reading it from a copy of the record after leaving the queue, and
+    // spares the reference-count traffic of that copy.
+    if (found != store_.cache->end()) {
+      if (const PropertyList* stored = ZKVGetPropertyListAndTimestampFromStorage(found->second, nullptr)) {
+        value = *stored;
+      }
+    }
+  });
+  lastAccess_.store(environment_.absoluteTime(), std::memory_order_relaxed);
+  return value;
+}
+
+void ZKVRemotePreferencesSource::setValueForKey(const PropertyList& value, std::string_view key) {
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    if (key.empty()) {
+      transaction.end();
+      defaultLog().log(LogLevel::Default, "NimbrelStore does not support empty keys");
+      return;
+    }
+    if (!store_.cache) lockedSynchronizeForced(false);
+    const double now = environment_.absoluteTime();
+    lastAccess_.store(now, std::memory_order_relaxed);
+    PlistDictionary& cache = *store_.cache;
+
+    if (value.isNone()) {
+      auto found = cache.find(key);
+      if (found == cache.end()) {
+        logLazily(LogLevel::Debug, [&] { return cat({"Bailing out for key in cache to ", key}); });
+        return;
+      }
+      cache.erase(found);
+    } else {
+      if (!value.isValidForBinaryFormat()) {
+        raiseAssertion("NimbrelStore: value is not property-list compatible: " + value.description(), this,
+                       __LINE__);
+      }
+      auto found = cache.find(key);
+      if (found != cache.end()) {
+        // An unchanged value is no write: no new timestamp, nothing dirty.
+        const PropertyList* current = ZKVGetPropertyListAndTimestampFromStorage(found->second, nullptr);
+        if (current != nullptr && (current->isSameObject(value) || *current == value)) return;
+      } else if (static_cast<std::int64_t>(key.size()) > static_cast<std::int64_t>(maximumKeyLength())) {
+        // Only keys new to the cache are measured, and the comparison is
+        // signed, as the daemon's limit has always been read.
+        raiseAssertion(cat({"NimbrelStore: key '", key, "' is too long."}), this, __LINE__);
+      }
+      PropertyList copy = deepCopyPropertyList(value);
+      if (copy.isNone()) {
+        raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
+      }
+      PropertyList record = ZKVCreateStorageForPropertyListAndTimestamp(copy, timestampFromAbsoluteTime(now));
+      if (record.isNone()) {
+        // Only a clock within a second of 2001-01-01 gets here: a record
+        // cannot carry timestamp 0, so the copy into it failed.
+        raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
+      }
+      if (found != cache.end()) {
+        found->second = std::move(record);
+      } else {
+        cache.emplace(std::string(key), std::move(record));
+      }
+    }
+
+    if (!dirtyKeys_) {
+      dirtyKeys_.emplace();
+      logLazily(LogLevel::Debug, [&] { return "New dirtyKeys " + describeKeySet(*dirtyKeys_); });
+    }
+    if (!dirtyKeys_->contains(key)) dirtyKeys_->emplace(key);
+    logLazily(LogLevel::Debug, [&] { return cat({"Adding dirty key to ", key, " : ", describeKeySet(*dirtyKeys_)}); });
+    ++generationCount_;
+  });
+}
+
+std::vector<std::string> ZKVRemotePreferencesSource::copyKeyList() {
+  std::vector<std::string> keys;
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    if (!store_.cache) lockedSynchronizeForced(false);
+    if (!store_.cache || store_.cache->empty()) return;
+    keys.reserve(store_.cache->size());
+    for (const auto& [key, record] : *store_.cache) keys.push_back(key);
+  });
+  return keys;
+}
+
+PlistDictionary ZKVRemotePreferencesSource::copyDictionary() {
+  PlistDictionary result;
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    if (!store_.cache) lockedSynchronizeForced(false);
+    for (const auto& [key, record] : *store_.cache) {
+      if (const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, nullptr)) {
+        result.emplace_hint(result.end(), key, *value);
+      }
+    }
+  });
+  return result;
+}
+
+std::int64_t ZKVRemotePreferencesSource::generationCount() {
+  std::int64_t count = 0;
+  protectionQueue_->sync([&] { count = generationCount_; });
+  return count;
+}
+
+std::string ZKVRemotePreferencesSource::describeKeySet(const KeySet& keys) {
+  if (keys.empty()) return "{()}";
+  std::string out = "{(\n";
+  std::size_t left = keys.size();
+  for (const std::string& key : keys) {
+    out += "    ";
+    out += PropertyList::string(key).description();
+    out += --left > 0 ? ",\n" : "\n";
+  }
+  out += ")}";
+  return out;
+}
+
+// ---------------------------------------------------------------------------
+// Synchronisation and loading.
+
+bool ZKVRemotePreferencesSource::synchronizeForced(bool forced) {
+  bool result = false;
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    result = lockedSynchronizeForced(forced);
+  });
+  return result;
+}
+
+bool ZKVRemotePreferencesSource::lockedSynchronizeForced(bool forced) {
+  protectionQueue_->assertCurrent();
+  (void)forced;
+  if (!urlOnDisk_) {
+    if (!store_.cache) store_.cache.emplace();
+    return true;
+  }
+  if (!store_.cache) {
+    lockedCachePlistFromDisk();
+    return true;
+  }
+  // A loaded cache is current as far as this process knows: what remains is
+  // handing dirty keys to the daemon, which is the daemon conversation's part.
+  return true;
+}
+
+void ZKVRemotePreferencesSource::lockedCachePlistFromDisk() {
+  protectionQueue_->assertCurrent();
+  PropertyList contents;
+  if (urlOnDisk_) contents = velmora::readPlistFile(urlOnDisk_->native());
+  ZKVApplyStoreFileContents(store_, std::move(contents), orNull(urlOnDisk_));
+}
+
+const ZKVStoreLoadState& ZKVRemotePreferencesSource::lockedLoadState() const {
+  protectionQueue_->assertCurrent();
+  return store_;
+}
+
+const std::optional<ZKVRemotePreferencesSource::KeySet>& ZKVRemotePreferencesSource::lockedDirtyKeys() const {
+  protectionQueue_->assertCurrent();
+  return dirtyKeys_;
+}
+
+std::int64_t ZKVRemotePreferencesSource::lockedLastGenerationFromDisk() const {
+  protectionQueue_->assertCurrent();
+  return lastGenerationFromDisk_;
+}
+
+// ---------------------------------------------------------------------------
+// Configuration.
+
+void ZKVRemotePreferencesSource::storeConfiguration(PropertyList configuration) {
+  std::lock_guard lock(configurationLock_);
+  logLazily(LogLevel::Debug, [&] { return "Storing configuration: " + configuration.description(); });
+  configurationDictionary_ = std::move(configuration);
+}
+
+PropertyList ZKVRemotePreferencesSource::copyConfigurationDictionary() const {
+  std::lock_guard lock(configurationLock_);
+  return configurationDictionary_;
+}
+
+std::uint64_t ZKVRemotePreferencesSource::configurationValueForKey(std::string_view key) const {
+  std::uint64_t value = 0;
+  {
+    std::lock_guard lock(configurationLock_);
+    if (const PropertyList* configured = configurationDictionary_.find(key)) value = unsignedIntegerValue(*configured);
+  }
+  // A configured 0 means "no word from the daemon", like a missing entry.
+  if (value != 0) return value;
+  const PlistDictionary& defaults = defaultConfiguration();
+  auto found = defaults.find(key);
+  return found != defaults.end() ? unsignedIntegerValue(found->second) : 0;
+}
+
+std::uint64_t ZKVRemotePreferencesSource::maximumKeyCount() const { return configurationValueForKey("maxKeyCount"); }
+
+std::uint64_t ZKVRemotePreferencesSource::maximumKeyLength() const {
+  return configurationValueForKey("maxKeyNameLen");
+}
+
+std::uint64_t ZKVRemotePreferencesSource::maximumDataLengthPerKey() const {
+  return configurationValueForKey("maxKeyDataLen");
+}
+
+std::uint64_t ZKVRemotePreferencesSource::maximumTotalDataLength() const {
+  return configurationValueForKey("maxKeyDataSum");
+}
+
+// ---------------------------------------------------------------------------
+// Memory-pressure eviction.
+
+void ZKVRemotePreferencesSource::lockedDidReceiveMemoryWarning() {
+  protectionQueue_->assertCurrent();
+  logLazily(LogLevel::Debug, [] { return std::string("Received memory warning for KVS"); });
+  if (!store_.cache) {
+    logLazily(LogLevel::Debug, [] { return std::string("Cache already empty"); });
+    return;
+  }
+  if (environment_.absoluteTime() - lastAccess() < kIdleEvictionSeconds) {
+    logLazily(LogLevel::Debug, [&] {
+      char line[96];
+      std::snprintf(line, sizeof line, "Recent KVS use, aborting %f", environment_.absoluteTime() - lastAccess());
+      return std::string(line);
+    });
+    return;
+  }
+  if (dirtyKeys_ && !dirtyKeys_->empty()) {
+    logLazily(LogLevel::Debug, [&] { return "Dirty keys " + describeKeySet(*dirtyKeys_); });
+    return;
+  }
+  logLazily(LogLevel::Debug, [] { return std::string("Clearing cache"); });
+  store_.cache.reset();
+}
+
+const velmora::MemoryWarningRegistration* ZKVRemotePreferencesSource::lockedWarningSource() const {
+  protectionQueue_->assertCurrent();
+  return memoryWarningSource_.get();
+}

@@ -1,0 +1,325 @@
+// ZKVRemotePreferencesSource: the per-store object of the library. It caches
+// the store's values (each wrapped in a storage record), validates writes,
+// reads the store file that the daemon writes, holds the daemon-given limits
+// and gives its cache up under memory pressure when it is clean and idle.
+//
+// Design note
+// - Queues. protectionQueue_ ("com.vantrel.zkvprotection") guards the cache
+//   and everything loaded with it (store_), dirtyKeys_, the generation
+//   counts, forceNextSynchronization_ and the keep-alive transaction. Value
+//   operations and synchronisation enter it by sync() from the caller's
+//   thread; memory-pressure warnings are delivered on it. Code on it never
+//   enters it again: loading runs inside the operation that needs it.
+//   registrationQueue_ ("com.vantrel.zkvregistration") serves registration
+//   with the daemon; the protection queue may wait for it, never the reverse.
+// - Lock. configurationLock_ (recursive) guards only configurationDictionary_,
+//   so the key-length limit can be read from work on the protection queue.
+//   It is a leaf: nothing is waited for while it is held.
+// - Outside both. lastAccess_ is an atomic written after a read leaves the
+//   queue; environment_, preferenceID_, urlOnDisk_ and client_ are set once
+//   at creation and read from any thread.
+// - Waiting order: caller -> protection queue -> (registration queue,
+//   configuration lock, the client's own queue). Never the reverse.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "velmora/platform/MemoryPressure.h"
+#include "velmora/platform/PropertyList.h"
+#include "velmora/platform/Transaction.h"
+#include "zkv/ZKVBase.h"
+
+class ZKVClient;
+
+namespace velmora {
+class DispatchQueue;
+class Environment;
+class SystemNotificationCenter;
+}  // namespace velmora
+
+// A programming error detected by the library (a value outside the
+// property-list family, an over-long new key, a failed copy), raised to the
+// caller of the operation that found it. The operation leaves the source's
+// state as it was. what() is the description.
+class ZKV_EXPORT ZKVAssertionFailure : public std::logic_error {
+ public:
+  ZKVAssertionFailure(const std::string& description, std::string operation, const void* object, std::string file,
+                      int line);
+
+  // The condition's text, e.g. "NimbrelStore: key 'k' is too long.".
+  const char* description() const noexcept { return what(); }
+  // The operation that raised it, e.g. "ZKVRemotePreferencesSource::setValueForKey".
+  const std::string& operation() const noexcept { return operation_; }
+  // The object it was raised on; an identity, never dereferenced.
+  const void* object() const noexcept { return object_; }
+  // The source file that raised it, e.g. "framework/ZKVRemotePreferencesSource".
+  const std::string& file() const noexcept { return file_; }
+  int line() const noexcept { return line_; }
+
+ private:
+  std::string operation_;  // immutable
+  const void* object_;     // immutable
+  std::string file_;       // immutable
+  int line_;               // immutable
+};
+
+// The store file of application applicationID: <base>/Library/Quellstore/
+// <applicationID>.plist, or <applicationID>-<storeID>.plist when storeID is
+// given. The base is containerPath when contained is true and a containerPath
+// is given, otherwise the user's home directory. Returns nullopt when the home
+// directory is needed and cannot be had. Neither creates nor tests anything;
+// logs the directory at debug level. Any thread; may block on the user
+// database. The caller owns the result.
+ZKV_EXPORT std::optional<std::filesystem::path> ZKVRemotePreferencesCreateURLForStorage(
+    const std::string& applicationID, const std::optional<std::string>& storeID,
+    const std::optional<std::string>& containerPath, bool contained);
+
+// What one load of the store file rebuilds. A value type; whoever holds it
+// guards it (a source: its protection queue).
+struct ZKV_EXPORT ZKVStoreLoadState {
+  // Key -> storage record; nullopt while not loaded (never loaded, or evicted).
+  std::optional<velmora::PlistDictionary> cache;
+  // The store's change count as last read or answered; -1 = never loaded.
+  std::int64_t storageChangeCount = -1;
+  // Change count of the initial synchronisation from the server; -2 = never
+  // loaded, -1 = none known.
+  std::int64_t initialSyncChangeCount = -2;
+  // Set by the load that saw the initial synchronisation arrive.
+  bool isInitialSync = false;
+  // Key -> change code (integer) of changes made elsewhere and not yet taken;
+  // nullopt when none are pending.
+  std::optional<velmora::PlistDictionary> externalChanges;
+};
+
+// Applies one read of a store file to state, as a load does: contents is what
+// the file held (none when it was missing, unreadable or no property list),
+// location the text its log lines name the file by. Never fails: malformed
+// parts count as absent, and the cache is never nullopt afterwards. Logs at
+// debug level (and a journal ahead of the change count at default level).
+// Takes contents by value so that an unshared decode is moved, not copied,
+// into the cache. Pure apart from logging; any thread.
+ZKV_EXPORT void ZKVApplyStoreFileContents(ZKVStoreLoadState& state, velmora::PropertyList contents,
+                                          std::string_view location);
+
+class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_this<ZKVRemotePreferencesSource> {
+  struct PrivateTag {
+    explicit PrivateTag() = default;
+  };
+
+ public:
+  using KeySet = std::set<std::string, std::less<>>;
+
+  // Labels of the two queues and the name of the keep-alive transaction.
+  static constexpr std::string_view kProtectionQueueLabel = "com.vantrel.zkvprotection";
+  static constexpr std::string_view kRegistrationQueueLabel = "com.vantrel.zkvregistration";
+  static constexpr std::string_view kTransactionName = "com.vantrel.zkv-remote-prefs.transaction";
+  // The system-wide notifications every source observes.
+  static constexpr std::string_view kConfigurationDidChangeSystemNotification =
+      "ZKVRemotePreferencesConfigurationDidChangeNotification";
+  static constexpr std::string_view kSourceDidChangeExternallySystemNotification =
+      "ZKVRemotePreferencesSourceDidChangeExternally";
+  // A source unused for this long gives its clean cache up under memory pressure.
+  static constexpr double kIdleEvictionSeconds = 300.0;
+
+  // --- Creation (the four initialisers). Each returns a new source that the
+  // caller owns. The source reads nothing from disk and sends nothing to the
+  // daemon; it makes its client (unconnected), its queues and its
+  // memory-warning registration, and observes the two system-wide
+  // notifications (waiting for the bus subscription, see
+  // SystemNotificationCenter::addObserver). It keeps the environment, the
+  // notification centre and the memory-pressure monitor installed at
+  // creation for its whole life. Never fails. Any thread.
+
+  // initWithApplicationID:shared:
+  static std::shared_ptr<ZKVRemotePreferencesSource> create(std::optional<std::string> applicationID, bool shared);
+  // initWithApplicationID:storeID:shared:
+  static std::shared_ptr<ZKVRemotePreferencesSource> create(std::optional<std::string> applicationID,
+                                                            std::optional<std::string> storeID, bool shared);
+  // initWithApplicationID:storeID:shared:additionalSource:
+  static std::shared_ptr<ZKVRemotePreferencesSource> create(std::optional<std::string> applicationID,
+                                                            std::optional<std::string> storeID, bool shared,
+                                                            bool additionalSource);
+  // initWithApplicationID:storeID:shared:additionalSource:containerPath: the
+  // designated one. storeID names the file only for an additional source;
+  // containerPath is used only for a non-shared store while
+  // QXFIXED_USER_HOME is set; shared hands applicationID to the client as
+  // its bundle identifier.
+  static std::shared_ptr<ZKVRemotePreferencesSource> create(std::optional<std::string> applicationID,
+                                                            std::optional<std::string> storeID, bool shared,
+                                                            bool additionalSource,
+                                                            std::optional<std::string> containerPath);
+
+  // Use create(); the tag keeps construction inside this class.
+  ZKVRemotePreferencesSource(PrivateTag, std::optional<std::string> applicationID,
+                             const std::optional<std::string>& storeID, bool shared, bool additionalSource,
+                             const std::optional<std::string>& containerPath);
+  // Teardown: stops the notification observation, cancels the memory-warning
+  // registration, releases cache and dirty keys on the protection queue
+  // (directly when the last reference dies on it) and shuts the client down.
+  // Unsent dirty keys are dropped. Blocks for the protection queue.
+  ~ZKVRemotePreferencesSource();
+  ZKVRemotePreferencesSource(const ZKVRemotePreferencesSource&) = delete;
+  ZKVRemotePreferencesSource& operator=(const ZKVRemotePreferencesSource&) = delete;
+
+  // --- Identity. Immutable; any thread; borrowed.
+
+  // The application identifier given at creation, if any.
+  const std::optional<std::string>& preferenceID() const noexcept { return preferenceID_; }
+  // The store file's location; nullopt without an application identifier or
+  // a home directory (such a source keeps its values in memory only).
+  const std::optional<std::filesystem::path>& urlOnDisk() const noexcept { return urlOnDisk_; }
+  // This store's connection to the daemon (shared with the caller).
+  const std::shared_ptr<ZKVClient>& client() const noexcept { return client_; }
+
+  // --- Values. Each enters the protection queue by sync() from the caller's
+  // thread and blocks until done; calling one from that queue aborts. The
+  // four data operations load the store file first when the cache is not
+  // loaded, and hold the keep-alive transaction while they work.
+
+  // getValueForKey: the value stored under key, or none when absent. The
+  // result shares the cached value (values are immutable); the caller owns
+  // its handle. Stamps the last-access time.
+  velmora::PropertyList getValueForKey(std::string_view key);
+
+  // setValue:forKey: stores value under key, or removes the key when value is
+  // none; only the in-memory cache changes, and an effective change marks the
+  // key dirty and raises the generation count. An empty key is ignored and
+  // logged. Throws ZKVAssertionFailure, leaving everything as it was, for a
+  // value not valid for the binary property-list format, a key new to the
+  // cache longer than maximumKeyLength() UTF-8 bytes, or a failed copy.
+  // Stamps the last-access time (unless the key is empty).
+  void setValueForKey(const velmora::PropertyList& value, std::string_view key);
+
+  // copyKeyList: the cache's keys (never absent, maybe empty). Caller owns it.
+  std::vector<std::string> copyKeyList();
+
+  // copyDictionary: a new dictionary key -> value of every record that
+  // decodes. Caller owns it; changing it does not change the store.
+  velmora::PlistDictionary copyDictionary();
+
+  // generationCount: the number of effective writes and removals so far.
+  // Neither loads nor holds the transaction.
+  std::int64_t generationCount();
+
+  // --- Synchronisation.
+
+  // synchronizeForced: on the protection queue, with the transaction held:
+  // a source without a file location gets an empty cache if it has none; a
+  // source whose cache is not loaded loads the store file. Returns true.
+  // Blocks for the queue and the file read.
+  bool synchronizeForced(bool forced);
+
+  // --- Configuration and limits. Guarded by the source's recursive
+  // configuration lock, never the protection queue, so they may be called
+  // from any thread, that queue included. Never fail.
+
+  // _storeConfiguration: replaces the held configuration with configuration
+  // (kept as given, shared; none clears it). Logs it at debug level.
+  void storeConfiguration(velmora::PropertyList configuration);
+  // The configuration last stored (the same payload), or none. Caller owns
+  // the handle.
+  velmora::PropertyList copyConfigurationDictionary() const;
+  // The effective value of a configuration key: the configured integer when
+  // it is not 0 (a negative one reads as a huge unsigned value), otherwise
+  // the built-in default for the key, otherwise 0.
+  std::uint64_t configurationValueForKey(std::string_view key) const;
+  // "maxKeyCount" (default 1024), "maxKeyNameLen" (64, in UTF-8 bytes),
+  // "maxKeyDataLen" (1048576 bytes), "maxKeyDataSum" (1048576 bytes).
+  std::uint64_t maximumKeyCount() const;
+  std::uint64_t maximumKeyLength() const;
+  std::uint64_t maximumDataLengthPerKey() const;
+  std::uint64_t maximumTotalDataLength() const;
+
+  // --- Internal: for the layers above within the library and for tests.
+
+  // The protection queue (shared with the caller). Immutable.
+  const std::shared_ptr<velmora::DispatchQueue>& protectionQueue() const noexcept { return protectionQueue_; }
+  // The registration queue (shared with the caller). Immutable.
+  const std::shared_ptr<velmora::DispatchQueue>& registrationQueue() const noexcept { return registrationQueue_; }
+
+  // _locked_zkv_start_transaction / _locked_zkv_end_transaction: open the
+  // keep-alive transaction if none is held / close it if one is. Calls do not
+  // nest. Protection queue only (asserted).
+  void lockedZkvStartTransaction();
+  void lockedZkvEndTransaction();
+  // Whether the transaction is held. Protection queue only (asserted).
+  bool lockedIsExecutingForClient() const;
+
+  // _synchronizeForced: the central step (see synchronizeForced). Protection
+  // queue only (asserted).
+  bool lockedSynchronizeForced(bool forced);
+  // _cachePlistFromDisk: reads the store file and applies it
+  // (ZKVApplyStoreFileContents). Protection queue only (asserted); blocks on
+  // file I/O.
+  void lockedCachePlistFromDisk();
+
+  // The cache, the change counts and the pending external changes, borrowed
+  // for the current queue item. Protection queue only (asserted).
+  const ZKVStoreLoadState& lockedLoadState() const;
+  // The dirty-key set (nullopt before the first write), the generation count
+  // at the last hand-over. Protection queue only (asserted).
+  const std::optional<KeySet>& lockedDirtyKeys() const;
+  std::int64_t lockedLastGenerationFromDisk() const;
+
+  // _didReceiveMemoryWarning: gives the cache up when it is loaded, idle for
+  // kIdleEvictionSeconds or more and holds no dirty key; logs the decision at
+  // debug level. Protection queue only (asserted).
+  void lockedDidReceiveMemoryWarning();
+  // _warningSource: the memory-warning registration, or null once torn down.
+  // Protection queue only (asserted); borrowed.
+  const velmora::MemoryWarningRegistration* lockedWarningSource() const;
+  // The time of the last getValueForKey/setValueForKey (absolute seconds),
+  // 0 before the first. Any thread; lock-free.
+  double lastAccess() const noexcept { return lastAccess_.load(std::memory_order_relaxed); }
+
+ private:
+  // Creation steps that need the source to be shared already (the handlers
+  // hold weak references).
+  void observeSystemNotifications();
+  // _createMemoryWarningSource: registers for memory-pressure warnings on the
+  // protection queue, replacing any earlier registration.
+  void createMemoryWarningSource();
+  // Formats the dirty-key set for log lines. Protection queue only.
+  static std::string describeKeySet(const KeySet& keys);
+
+  // Field order matters: C++ destroys fields in reverse, which releases the
+  // strong references after the destructor body in the order the design
+  // wants: transaction, warning registration, queues, registration closure,
+  // client, pending external changes (inside store_).
+  std::int64_t generationCount_ = 0;                   // protection queue
+  std::int64_t lastGenerationFromDisk_ = 0;            // protection queue
+  // The environment installed at creation: the location came from it, and
+  // the clock is read from it without the process-wide lookup. Immutable.
+  velmora::Environment& environment_;
+  const std::optional<std::string> preferenceID_;      // immutable
+  const std::optional<std::filesystem::path> urlOnDisk_;  // immutable
+  ZKVStoreLoadState store_;                            // protection queue
+  std::optional<KeySet> dirtyKeys_;                    // protection queue
+  mutable std::recursive_mutex configurationLock_;     // guards configurationDictionary_
+  velmora::PropertyList configurationDictionary_;      // guarded by configurationLock_
+  std::shared_ptr<ZKVClient> client_;                  // immutable after construction
+  std::function<void()> registrationBlock_;            // registration queue
+  std::shared_ptr<velmora::DispatchQueue> registrationQueue_;  // immutable after construction
+  std::shared_ptr<velmora::DispatchQueue> protectionQueue_;    // immutable after construction
+  // Written on the protection queue at creation; dropped by the destructor,
+  // when no handler can hold the source any more.
+  std::unique_ptr<velmora::MemoryWarningRegistration> memoryWarningSource_;
+  std::atomic<double> lastAccess_{0.0};                // atomic: written outside the queue
+  // Protection queue; read by the hand-over to the daemon.
+  [[maybe_unused]] bool forceNextSynchronization_ = false;
+  std::optional<velmora::KeepAliveTransaction> isExecutingForClient_;  // protection queue
+  // The centre the two observations were made with (centres live until
+  // exit). Written once by create() before the source is handed out.
+  velmora::SystemNotificationCenter* notificationCenter_ = nullptr;
+};
