@@ -398,7 +398,7 @@ ZKVRemotePreferencesSource::~ZKVRemotePreferencesSource() {
 
 void ZKVRemotePreferencesSource::lockedZkvStartTransaction() {
   protectionQueue_->assertCurrent();
-  if (!isExecutingForClient_) isExecutingForClient_.emplace(std::string(kTransactionName));
+  if (!isExecutingForClient_) isExecutingForClient_.emplace(kTransactionName);
 }
 
 void ZKVRemotePreferencesSource::lockedZkvEndTransaction() {
