@@ -20,12 +20,12 @@ using velmora::PropertyList;
 
 namespace {
 
-constexpr std::string_view kMessageKey = "message";
-constexpr std::string_view kUserInfoKey = "userinfo";
-constexpr std::string_view kBundleIdentifierKey = "bundleIdentifier";
-constexpr std::string_view kStoreIdentifierKey = "storeIdentifier";
-constexpr std::string_view kAdditionalStoreKey = "additionalStore";
-constexpr std::string_view kErrorKey = "error";
+constexpr std::string_view kMessageKey = kZKVRequestMessageKey;
+constexpr std::string_view kUserInfoKey = kZKVRequestUserInfoKey;
+constexpr std::string_view kBundleIdentifierKey = kZKVRequestBundleIdentifierKey;
+constexpr std::string_view kStoreIdentifierKey = kZKVRequestStoreIdentifierKey;
+constexpr std::string_view kAdditionalStoreKey = kZKVRequestAdditionalStoreKey;
+constexpr std::string_view kErrorKey = kZKVReplyErrorKey;
 constexpr std::string_view kErrorDomainKey = "domain";
 constexpr std::string_view kErrorCodeKey = "code";
 

@@ -47,6 +47,31 @@ namespace velmora {
 class DispatchQueue;
 }
 
+// The daemon's messages. Senders pass these as the message name; the daemon
+// answers each as its sender expects (payloads and replies are described
+// where each is sent).
+inline constexpr const char* kZKVMessageRegister = "register";
+inline constexpr const char* kZKVMessageUnregister = "unregister";
+inline constexpr const char* kZKVMessageGetConfiguration = "getConfiguration";
+inline constexpr const char* kZKVMessageSetDefaultsConfig = "setDefaultsConfig";
+inline constexpr const char* kZKVMessageSynchronizeRemote = "synchronizeRemote";
+inline constexpr const char* kZKVMessageTrackSynchronizeRemote = "trackSynchronizeRemote";
+inline constexpr const char* kZKVMessageSynchronize = "synchronize";
+inline constexpr const char* kZKVMessageDiscardJournalEntries = "discardJournalEntries";
+inline constexpr const char* kZKVMessagePing = "ping";
+inline constexpr const char* kZKVMessagePrintDebugDescription = "printDebugDescription";
+inline constexpr const char* kZKVMessageResetApps = "resetapps";
+inline constexpr const char* kZKVMessageMigrate = "migrate";
+
+// Keys of the request envelope and of the reply.
+inline constexpr std::string_view kZKVRequestMessageKey = "message";
+inline constexpr std::string_view kZKVRequestUserInfoKey = "userinfo";
+inline constexpr std::string_view kZKVRequestBundleIdentifierKey = "bundleIdentifier";
+inline constexpr std::string_view kZKVRequestStoreIdentifierKey = "storeIdentifier";
+inline constexpr std::string_view kZKVRequestAdditionalStoreKey = "additionalStore";
+inline constexpr std::string_view kZKVReplyUserInfoKey = "userinfo";
+inline constexpr std::string_view kZKVReplyErrorKey = "error";
+
 // The domain of ZKVErrors that carry a POSIX errno value as their code; the
 // client uses it (code 22, EINVAL) for every transport failure of an
 // asynchronous request.
