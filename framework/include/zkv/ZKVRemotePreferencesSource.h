@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -39,8 +40,15 @@
 #include "velmora/platform/PropertyList.h"
 #include "velmora/platform/Transaction.h"
 #include "zkv/ZKVBase.h"
+#include "zkv/ZKVClient.h"
 
 class ZKVClient;
+
+// In-process notification names, posted on the default NotificationCenter
+// with the source as object: the store changed elsewhere, and the daemon's
+// configuration changed. Each is also a class method of the same name.
+ZKV_EXPORT extern const char* const ZKVRemotePreferencesSourceDidChangeNotification;
+ZKV_EXPORT extern const char* const ZKVRemotePreferencesSourceConfigurationDidChangeNotification;
 
 namespace velmora {
 class DispatchQueue;
@@ -219,6 +227,81 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // source whose cache is not loaded loads the store file. Returns true.
   // Blocks for the queue and the file read.
   bool synchronizeForced(bool forced);
+
+  // synchronize: synchronizeForced(false).
+  bool synchronize();
+
+  // scheduleRemoteSynchronization: sends "synchronizeRemote" from the
+  // registration queue 2 seconds from now. Returns at once.
+  void scheduleRemoteSynchronization();
+
+  // synchronizationWithCompletionHandler: forces the pending registration,
+  // then asks the daemon to synchronise with the server now. handler runs
+  // once on the main queue with the reply's "error" entry as it stands (a
+  // PropertyList), a ZKVError, or nothing (success). Returns at once after
+  // the send.
+  void synchronizationWithCompletionHandler(ZKVReplyHandler handler);
+
+  // isInitialSync: whether the last load saw the initial synchronisation
+  // from the server arrive. No locking, no loading.
+  bool isInitialSync() const;
+
+  // --- Configuration requests.
+
+  // updateConfiguration: forces the pending registration and asks the daemon
+  // for the configuration; the reply replaces it. Returns at once.
+  void updateConfiguration();
+  // setDefaultsConfiguration: sends configuration to the daemon as
+  // "setDefaultsConfig" from the registration queue 2 seconds from now.
+  // Returns at once.
+  void setDefaultsConfiguration(const velmora::PropertyList& configuration);
+
+  // --- External changes. Run on the caller's thread without either queue.
+
+  // hasExternalChanges: whether changes made elsewhere are pending.
+  bool hasExternalChanges();
+  // copyExternalChangesWithChangeCount: takes the pending changes, grouped
+  // as change reason -> keys; nullopt when none were pending. Always writes
+  // the source's change count to outChangeCount (when not null): hand it to
+  // discardExternalChangesForChangeCount once the changes are dealt with.
+  // The caller owns the result.
+  std::optional<std::map<std::int64_t, std::vector<std::string>>> copyExternalChangesWithChangeCount(
+      std::int64_t* outChangeCount);
+  // discardExternalChangesForChangeCount: forces the pending registration and
+  // asks the daemon (synchronously) to drop journal entries up to changeCount.
+  // Blocks until the daemon answers or the request fails.
+  void discardExternalChangesForChangeCount(std::int64_t changeCount);
+
+  // --- Registration.
+
+  // registerForCorvane: registers the store with the daemon 2 seconds from
+  // now, unless a request that needs it pulls it forward. Returns at once.
+  void registerForCorvane();
+  // unregisterForCorvane: sends any pending registration, then "unregister".
+  void unregisterForCorvane();
+  // ping: sends "ping" without reply.
+  void ping();
+  // serverSideDebugDescription: the daemon's description of this store, or
+  // nullopt when it gives none. Blocks for the synchronous request.
+  std::optional<std::string> serverSideDebugDescription();
+
+  // The notification names as class methods.
+  static const char* ZKVRemotePreferencesSourceDidChangeNotification();
+  static const char* ZKVRemotePreferencesSourceConfigurationDidChangeNotification();
+
+  // --- ZKVManagement: account-wide operations, each through a temporary
+  // client of its own. All return at once and report nothing to the caller.
+
+  // resetAllApplicationsWithCompletionHandler: sends "resetapps"; completion
+  // (may be empty) runs once on the main queue whatever the outcome.
+  static void resetAllApplicationsWithCompletionHandler(std::function<void()> completion);
+  // noteAccountChanges: logs the change and sends "ping"; the argument is
+  // accepted and ignored.
+  static void noteAccountChanges(const void* ignored);
+  // migrateVelmoraForBundleIdentifier: asks the daemon to migrate one
+  // application's store; the outcome is only logged. nullptr is logged as an
+  // error and nothing is sent.
+  static void migrateVelmoraForBundleIdentifier(const char* bundleIdentifier);
 
   // --- Configuration and limits. Guarded by the source's recursive
   // configuration lock, never the protection queue, so they may be called
