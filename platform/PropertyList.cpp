@@ -1,10 +1,12 @@
 #include "velmora/platform/PropertyList.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <unordered_map>
 
 namespace velmora {
 
@@ -223,21 +225,39 @@ bool PropertyList::isSameObject(const PropertyList& other) const noexcept {
 
 namespace {
 
-bool validAt(const PropertyList& v, int depth) {
-  if (depth > PropertyList::kMaxDepth) return false;
+// The height of v (container levels below it), or -1 when v is not valid at
+// `depth`. Each container payload is checked once: values decoded from the
+// binary format may share subtrees so heavily that walking them as a tree
+// would never finish. Later visits re-check only the depth.
+int validHeight(const PropertyList& v, int depth, std::unordered_map<const void*, int>& seen) {
+  constexpr int kVisiting = -1;
+  if (depth > PropertyList::kMaxDepth) return -1;
+  const void* payload = nullptr;
   switch (v.type()) {
-    case PlistType::None: return false;
-    case PlistType::String: return isValidUtf8(*v.getString());
-    case PlistType::Array:
-      for (const auto& item : *v.getArray())
-        if (!validAt(item, depth + 1)) return false;
-      return true;
-    case PlistType::Dictionary:
-      for (const auto& [key, item] : *v.getDictionary())
-        if (!isValidUtf8(key) || !validAt(item, depth + 1)) return false;
-      return true;
-    default: return true;
+    case PlistType::None: return -1;
+    case PlistType::String: return isValidUtf8(*v.getString()) ? 0 : -1;
+    case PlistType::Array: payload = v.getArray(); break;
+    case PlistType::Dictionary: payload = v.getDictionary(); break;
+    default: return 0;
   }
+  auto [it, fresh] = seen.try_emplace(payload, kVisiting);
+  int& known = it->second;  // references survive rehashing
+  if (!fresh) return known != kVisiting && depth + known <= PropertyList::kMaxDepth ? known : -1;
+  int height = 0;
+  auto visit = [&](const PropertyList& item) {
+    const int h = validHeight(item, depth + 1, seen);
+    height = std::max(height, h + 1);
+    return h >= 0;
+  };
+  if (const PlistArray* a = v.getArray()) {
+    for (const auto& item : *a)
+      if (!visit(item)) return -1;
+  } else {
+    for (const auto& [key, item] : *v.getDictionary())
+      if (!isValidUtf8(key) || !visit(item)) return -1;
+  }
+  known = height;
+  return height;
 }
 
 void appendQuoted(std::string& out, std::string_view s) {
@@ -362,7 +382,10 @@ void describe(std::string& out, const PropertyList& v, int indent) {
 
 }  // namespace
 
-bool PropertyList::isValidForBinaryFormat() const { return validAt(*this, 0); }
+bool PropertyList::isValidForBinaryFormat() const {
+  std::unordered_map<const void*, int> seen;
+  return validHeight(*this, 0, seen) >= 0;
+}
 
 std::string PropertyList::description() const {
   std::string out;

@@ -14,8 +14,9 @@
 
 namespace velmora {
 
-// Binary property list, version 1.0. Strings and numbers are written once
-// and shared by reference. Returns nullopt when the value is not valid for the
+// Binary property list, version 1.0. Equal strings and numbers are written
+// once and shared by reference, as are data, arrays and dictionaries that
+// several parents share. Returns nullopt when the value is not valid for the
 // binary format (PropertyList::isValidForBinaryFormat). Caller owns the bytes.
 std::optional<Bytes> encodeBinaryPlist(const PropertyList& value);
 
@@ -24,15 +25,26 @@ std::optional<Bytes> encodeBinaryPlist(const PropertyList& value);
 std::size_t appendBinaryPlist(const PropertyList& value, Bytes& out);
 
 // Decodes one binary property list that spans exactly the given bytes.
-// Returns none for anything malformed.
+// Returns none for anything malformed, which includes cycles, overlapping
+// objects, nesting beyond PropertyList::kMaxDepth and non-string keys. An
+// object reached through several references is decoded once and shared.
+// Of repeated dictionary keys the last entry wins (earlier values are not
+// decoded). Also none when the decoded value would not fit in memory.
 PropertyList decodeBinaryPlist(std::span<const std::uint8_t> bytes);
 
-// XML property list (UTF-8, with the usual DOCTYPE). Returns nullopt when the
-// value is not valid for the binary format (the same rules apply).
+// XML property list (UTF-8, with a plist DOCTYPE). Returns nullopt when the
+// value is not valid for the binary format (the same rules apply), and also
+// for what XML cannot carry: strings or keys holding NUL or other control
+// characters than tab, newline and carriage return, or U+FFFE / U+FFFF; dates
+// that are not finite or fall outside years -99999999999..99999999999.
+// Dates are written in whole seconds (any fraction is dropped, rounding
+// down); sub-values shared by several parents are written out at each place.
 std::optional<std::string> encodeXmlPlist(const PropertyList& value);
 
-// Decodes an XML property list through libxml2 (no network, no entity
-// expansion). Returns none for anything malformed.
+// Decodes an XML property list through libxml2 (no network, no DTD loading,
+// documents that declare entities are refused). Returns none for anything
+// malformed. Integers are decimal or 0x-hex; reals include nan and inf; dates
+// are "YYYY[-MM[-DD[THH[:MM[:SS]]]]]Z" in UTC.
 PropertyList decodeXmlPlist(std::span<const std::uint8_t> bytes);
 
 // Decodes either encoding, told apart by the leading "bplist00" magic.
