@@ -1,16 +1,21 @@
 // The per-store source: identity and location, value access, loading of the
-// store file, configuration and memory-pressure eviction. The queues, the
-// lock and the waiting order are described in the header's design note.
+// store file, configuration, synchronisation with the daemon, external
+// changes, registration and notifications, and memory-pressure eviction.
+// The queues, the locks and the waiting order are described in the header's
+// design note. The account-wide operations live in ZKVManagement.cpp.
 #include "zkv/ZKVRemotePreferencesSource.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>
+#include <variant>
 
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Log.h"
+#include "velmora/platform/NotificationCenter.h"
 #include "velmora/platform/PlistCodec.h"
 #include "velmora/platform/SystemNotifications.h"
 #include "zkv/ZKVClient.h"
@@ -37,6 +42,21 @@ constexpr std::string_view kVersionIdKey = "versionid";
 
 // The change code the library itself records: "changed elsewhere".
 constexpr std::int64_t kChangeCodeChanged = 1;
+// The journal's code for an account switch, which applications linked
+// before release 8 do not know and are told as kChangeCodeChanged.
+constexpr std::int64_t kChangeCodeAccountSwitch = 5;
+
+// "synchronize" payload and reply keys.
+constexpr std::string_view kChangesKey = "changes";
+
+// The one host application whose change count is not taken from hand-over
+// replies: it tracks the store's count by re-reading the file itself.
+constexpr std::string_view kChangeCountKeepingApplication = "com.vantrel.security.quarnproxy3";
+
+// Class initialisation state: the flag is written once under the once-flag
+// and read by any thread afterwards.
+velmora::OnceFlag gClassInitialized;
+std::atomic<bool> gForgetAccountSwitchReason{false};
 
 const velmora::LogHandle& defaultLog() { return *ZKVGetDefaultLog(); }
 
@@ -110,6 +130,34 @@ std::int64_t timestampFromAbsoluteTime(double seconds) {
 // immutable deep copy: a later edit through the caller's handle clones first.
 PropertyList deepCopyPropertyList(const PropertyList& value) { return value; }
 
+// What a reply handler was given, as log lines show it.
+std::string describeReply(const ZKVReply& reply) {
+  if (const PropertyList* value = std::get_if<PropertyList>(&reply)) return value->description();
+  if (const ZKVError* error = std::get_if<ZKVError>(&reply)) return error->description();
+  return std::string(kNullText);
+}
+
+std::string formatInteger(const char* format, std::int64_t value) {
+  char line[96];
+  std::snprintf(line, sizeof line, format, static_cast<long long>(value));
+  return line;
+}
+
+// The grouped external changes as log lines show them: reason = (keys).
+std::string describeGroupedChanges(const std::map<std::int64_t, std::vector<std::string>>& groups) {
+  std::string out = "{\n";
+  for (const auto& [reason, keys] : groups) {
+    out += "    " + std::to_string(reason) + " = (\n";
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      out += "        " + PropertyList::string(keys[i]).description();
+      out += i + 1 < keys.size() ? ",\n" : "\n";
+    }
+    out += "    );\n";
+  }
+  out += "}";
+  return out;
+}
+
 [[noreturn]] void raiseAssertion(const std::string& description, const void* object, int line) {
   throw ZKVAssertionFailure(description, kSetValueOperation, object, kSourceFile, line);
 }
@@ -152,6 +200,21 @@ std::optional<std::filesystem::path> locateStoreFile(const std::optional<std::st
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Notification names.
+
+const char* const ZKVRemotePreferencesSourceDidChangeNotification = "ZKVRemotePreferencesSourceDidChangeNotification";
+const char* const ZKVRemotePreferencesSourceConfigurationDidChangeNotification =
+    "ZKVRemotePreferencesSourceConfigurationDidChangeNotification";
+
+const char* ZKVRemotePreferencesSource::ZKVRemotePreferencesSourceDidChangeNotification() {
+  return ::ZKVRemotePreferencesSourceDidChangeNotification;
+}
+
+const char* ZKVRemotePreferencesSource::ZKVRemotePreferencesSourceConfigurationDidChangeNotification() {
+  return ::ZKVRemotePreferencesSourceConfigurationDidChangeNotification;
+}
 
 // ---------------------------------------------------------------------------
 // Assertion failures.
@@ -320,6 +383,7 @@ std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
 std::shared_ptr<ZKVRemotePreferencesSource> ZKVRemotePreferencesSource::create(
     std::optional<std::string> applicationID, std::optional<std::string> storeID, bool shared,
     bool additionalSource, std::optional<std::string> containerPath) {
+  initializeClass();
   auto source = std::make_shared<ZKVRemotePreferencesSource>(PrivateTag{}, std::move(applicationID), storeID, shared,
                                                              additionalSource, containerPath);
   source->observeSystemNotifications();
@@ -341,15 +405,38 @@ ZKVRemotePreferencesSource::ZKVRemotePreferencesSource(PrivateTag, std::optional
   store_.storageChangeCount = -1;
 }
 
+void ZKVRemotePreferencesSource::initializeClass() {
+  velmora::dispatchOnce(gClassInitialized, [] {
+    gForgetAccountSwitchReason.store(!velmora::linkedOnOrAfterRelease8(), std::memory_order_release);
+  });
+}
+
+bool ZKVRemotePreferencesSource::forgetsAccountSwitchReason() {
+  initializeClass();
+  return gForgetAccountSwitchReason.load(std::memory_order_acquire);
+}
+
 void ZKVRemotePreferencesSource::observeSystemNotifications() {
   notificationCenter_ = &velmora::currentSystemNotificationCenter();
-  // Subscribing from creation on means no posting made after the source
-  // exists is missed; what each posting sets off belongs to the registration
-  // and configuration relays, which the handlers hand on to.
-  for (std::string_view name : {kConfigurationDidChangeSystemNotification,
-                                kSourceDidChangeExternallySystemNotification}) {
-    notificationCenter_->addObserver(std::string(name), nullptr, [] {}, this);
-  }
+  // The handlers may use this plainly: the destructor removes every
+  // observation (waiting for a relay in flight) before anything is torn
+  // down. The system-wide postings carry no store identity, so every source
+  // relays every one, with itself as object. Neither relay loads or fetches
+  // anything: the store and the configuration change only through their own
+  // requests.
+  notificationCenter_->addObserver(
+      std::string(kConfigurationDidChangeSystemNotification), nullptr,
+      [this] {
+        velmora::NotificationCenter::defaultCenter().post(
+            ::ZKVRemotePreferencesSourceConfigurationDidChangeNotification, this);
+      },
+      this);
+  notificationCenter_->addObserver(
+      std::string(kSourceDidChangeExternallySystemNotification), nullptr,
+      [this] {
+        velmora::NotificationCenter::defaultCenter().post(::ZKVRemotePreferencesSourceDidChangeNotification, this);
+      },
+      this);
 }
 
 void ZKVRemotePreferencesSource::createMemoryWarningSource() {
@@ -552,9 +639,10 @@ bool ZKVRemotePreferencesSource::synchronizeForced(bool forced) {
   return result;
 }
 
+bool ZKVRemotePreferencesSource::synchronize() { return synchronizeForced(false); }
+
 bool ZKVRemotePreferencesSource::lockedSynchronizeForced(bool forced) {
   protectionQueue_->assertCurrent();
-  (void)forced;
   if (!urlOnDisk_) {
     if (!store_.cache) store_.cache.emplace();
     return true;
@@ -563,10 +651,95 @@ bool ZKVRemotePreferencesSource::lockedSynchronizeForced(bool forced) {
     lockedCachePlistFromDisk();
     return true;
   }
-  // A loaded cache is current as far as this process knows: what remains is
-  // handing dirty keys to the daemon, which is the daemon conversation's part.
-  return true;
+  // The plain load keeps the common path free of a read-modify-write.
+  if (forceNextSynchronization_.load(std::memory_order_relaxed) &&
+      forceNextSynchronization_.exchange(false, std::memory_order_relaxed)) {
+    forced = true;
+  }
+  if (lastGenerationFromDisk_ == generationCount_) {
+    if (forced) lockedCachePlistFromDisk();
+    return true;
+  }
+
+  // Each dirty key travels once with its latest record; a removed key as an
+  // empty dictionary, so the daemon removes it rather than never hearing.
+  PlistDictionary changes;
+  if (dirtyKeys_) {
+    const PlistDictionary& cache = *store_.cache;
+    for (const std::string& key : *dirtyKeys_) {
+      auto found = cache.find(key);
+      changes.emplace_hint(changes.end(), key, found != cache.end() ? found->second : PropertyList::dictionary({}));
+    }
+  }
+  PlistDictionary userInfo;
+  userInfo.emplace(kChangesKey, PropertyList::dictionary(std::move(changes)));
+  userInfo.emplace(kChangeCountKey, PropertyList::integer(store_.storageChangeCount));
+
+  forceRegistrationNow();
+  const PropertyList reply =
+      client_->sendMessageWithNameUserInfo(kZKVMessageSynchronize, PropertyList::dictionary(std::move(userInfo)));
+  const bool replied = !reply.isNone();
+
+  if (replied) {
+    logLazily(LogLevel::Debug,
+              [&] { return "Trash dirty keys " + describeKeySet(dirtyKeys_ ? *dirtyKeys_ : KeySet{}); });
+    if (dirtyKeys_) dirtyKeys_->clear();
+    if (forced) {
+      lockedCachePlistFromDisk();
+    } else if (lockedTakesReplyChangeCount()) {
+      std::int64_t count = 0;
+      if (const PropertyList* answered = reply.find(kChangeCountKey)) (void)answered->getInt64(count);
+      store_.storageChangeCount = count;
+    }
+    lastGenerationFromDisk_ = generationCount_;
+  } else {
+    // Keys and counts stay as they are: the next call sends the same keys.
+    logLazily(LogLevel::Debug, [&] { return cat({"Write failure for ", orNull(urlOnDisk_)}); });
+  }
+  logLazily(LogLevel::Debug, [&] {
+    char line[128];
+    std::snprintf(line, sizeof line, "forced:%s, changeCount:%lld, result:%s", yesNo(forced).data(),
+                  static_cast<long long>(store_.storageChangeCount), yesNo(replied).data());
+    return std::string(line);
+  });
+  return replied;
 }
+
+bool ZKVRemotePreferencesSource::lockedTakesReplyChangeCount() {
+  protectionQueue_->assertCurrent();
+  if (!takesReplyChangeCount_) {
+    takesReplyChangeCount_ = environment_.hostApplicationIdentifier() != kChangeCountKeepingApplication;
+  }
+  return *takesReplyChangeCount_;
+}
+
+void ZKVRemotePreferencesSource::scheduleRemoteSynchronization() {
+  registrationQueue_->after(kDeferral, [self = shared_from_this()] {
+    self->client_->sendMessageWithName(kZKVMessageSynchronizeRemote);
+  });
+}
+
+void ZKVRemotePreferencesSource::synchronizationWithCompletionHandler(ZKVReplyHandler handler) {
+  forceRegistrationNow();
+  client_->sendMessageWithNameReplyHandler(
+      kZKVMessageTrackSynchronizeRemote,
+      [self = shared_from_this(), handler = std::move(handler)](const ZKVReply& reply) {
+        if (!handler) return;
+        if (const PropertyList* value = std::get_if<PropertyList>(&reply); value != nullptr && value->isDictionary()) {
+          const PropertyList* error = value->find(kZKVReplyErrorKey);
+          handler(error != nullptr ? ZKVReply(*error) : ZKVReply());
+        } else if (const ZKVError* error = std::get_if<ZKVError>(&reply)) {
+          handler(*error);
+        } else {
+          // Reported as success on purpose; the next hand-over re-reads the
+          // store file, in case the daemon did change it.
+          self->forceNextSynchronization_.store(true, std::memory_order_relaxed);
+          handler(ZKVReply());
+        }
+      });
+}
+
+bool ZKVRemotePreferencesSource::isInitialSync() const { return store_.isInitialSync; }
 
 void ZKVRemotePreferencesSource::lockedCachePlistFromDisk() {
   protectionQueue_->assertCurrent();
@@ -629,6 +802,137 @@ std::uint64_t ZKVRemotePreferencesSource::maximumDataLengthPerKey() const {
 
 std::uint64_t ZKVRemotePreferencesSource::maximumTotalDataLength() const {
   return configurationValueForKey("maxKeyDataSum");
+}
+
+void ZKVRemotePreferencesSource::updateConfiguration() {
+  forceRegistrationNow();
+  client_->sendMessageWithNameReplyHandler(
+      kZKVMessageGetConfiguration, [weak = weak_from_this()](const ZKVReply& reply) {
+        // Anything but a dictionary leaves the held configuration, unlogged.
+        const PropertyList* value = std::get_if<PropertyList>(&reply);
+        if (value == nullptr || !value->isDictionary()) return;
+        if (std::shared_ptr<ZKVRemotePreferencesSource> source = weak.lock()) source->storeConfiguration(*value);
+      });
+}
+
+void ZKVRemotePreferencesSource::setDefaultsConfiguration(const PropertyList& configuration) {
+  // From the registration queue, so it stays in order with registration.
+  registrationQueue_->after(kDeferral, [self = shared_from_this(), configuration] {
+    (void)self->client_->sendMessageWithNameUserInfo(kZKVMessageSetDefaultsConfig, configuration);
+  });
+}
+
+// ---------------------------------------------------------------------------
+// External changes: the caller's thread, neither queue (see the header).
+
+bool ZKVRemotePreferencesSource::hasExternalChanges() {
+  const bool pending = store_.externalChanges && !store_.externalChanges->empty();
+  logLazily(LogLevel::Debug, [&] { return cat({"hasExternalChanges: ", yesNo(pending)}); });
+  return pending;
+}
+
+std::optional<std::map<std::int64_t, std::vector<std::string>>>
+ZKVRemotePreferencesSource::copyExternalChangesWithChangeCount(std::int64_t* outChangeCount) {
+  const std::int64_t changeCount = store_.storageChangeCount;
+  if (outChangeCount != nullptr) *outChangeCount = changeCount;
+  logLazily(LogLevel::Debug, [&] {
+    const bool pending = store_.externalChanges && !store_.externalChanges->empty();
+    return formatInteger("changeCount: %lld, hasExternalChanges: ", changeCount) + std::string(yesNo(pending));
+  });
+  if (!store_.externalChanges) return std::nullopt;
+
+  const bool forgetAccountSwitch = forgetsAccountSwitchReason();
+  std::map<std::int64_t, std::vector<std::string>> groups;
+  for (const auto& [key, reason] : *store_.externalChanges) {
+    std::int64_t code = 0;
+    (void)reason.getInt64(code);
+    if (forgetAccountSwitch && code == kChangeCodeAccountSwitch) code = kChangeCodeChanged;
+    groups[code].push_back(key);
+  }
+  // Handed out exactly once.
+  store_.externalChanges.reset();
+  logLazily(LogLevel::Debug, [&] {
+    return formatInteger("changeCount: %lld, changes: ", changeCount) + describeGroupedChanges(groups);
+  });
+  return groups;
+}
+
+void ZKVRemotePreferencesSource::discardExternalChangesForChangeCount(std::int64_t changeCount) {
+  logLazily(LogLevel::Debug, [&] {
+    char line[96];
+    std::snprintf(line, sizeof line, "changeCount: %lld/%lld", static_cast<long long>(changeCount),
+                  static_cast<long long>(store_.storageChangeCount));
+    return std::string(line);
+  });
+  forceRegistrationNow();
+  // The payload is the bare number; the journal shrinks when the daemon
+  // rewrites the file, so nothing local changes here.
+  (void)client_->sendMessageWithNameUserInfo(kZKVMessageDiscardJournalEntries, PropertyList::integer(changeCount));
+}
+
+// ---------------------------------------------------------------------------
+// Registration and the daemon's other requests.
+
+std::function<void()> ZKVRemotePreferencesSource::makeRegistrationBlock() {
+  // Plain this: the source owns the closure, and only the source runs it
+  // (from forceRegistrationNow, or from a deferred task holding the source).
+  return [this] {
+    registrationQueue_->assertCurrent();
+    {
+      std::lock_guard lock(registrationLock_);
+      if (!registrationBlock_) return;
+      // Cleared before the send rather than after, so that a
+      // registerForCorvane racing the send keeps its own registration. The
+      // closure runs from a copy, so dropping the slot here is safe.
+      registrationBlock_ = nullptr;
+    }
+    client_->sendMessageWithNameReplyHandler(kZKVMessageRegister, [weak = weak_from_this()](const ZKVReply& reply) {
+      const PropertyList* value = std::get_if<PropertyList>(&reply);
+      if (value != nullptr && value->isDictionary()) {
+        if (std::shared_ptr<ZKVRemotePreferencesSource> source = weak.lock()) source->storeConfiguration(*value);
+        return;
+      }
+      defaultLog().log(LogLevel::Default, "NimbrelStore error: " + describeReply(reply));
+    });
+  };
+}
+
+void ZKVRemotePreferencesSource::runPendingRegistration() {
+  registrationQueue_->assertCurrent();
+  std::function<void()> pending;
+  {
+    std::lock_guard lock(registrationLock_);
+    pending = registrationBlock_;
+  }
+  if (pending) pending();
+}
+
+void ZKVRemotePreferencesSource::registerForCorvane() {
+  std::function<void()> replaced;
+  {
+    std::lock_guard lock(registrationLock_);
+    replaced = std::exchange(registrationBlock_, makeRegistrationBlock());
+  }
+  registrationQueue_->after(kDeferral, [self = shared_from_this()] { self->runPendingRegistration(); });
+  // replaced is released here, outside the lock.
+}
+
+void ZKVRemotePreferencesSource::forceRegistrationNow() {
+  registrationQueue_->sync([this] { runPendingRegistration(); });
+}
+
+void ZKVRemotePreferencesSource::unregisterForCorvane() {
+  forceRegistrationNow();
+  client_->sendMessageWithName(kZKVMessageUnregister);
+}
+
+void ZKVRemotePreferencesSource::ping() { client_->sendMessageWithName(kZKVMessagePing); }
+
+std::optional<std::string> ZKVRemotePreferencesSource::serverSideDebugDescription() {
+  const PropertyList reply = client_->sendMessageWithNameUserInfo(kZKVMessagePrintDebugDescription, PropertyList());
+  if (reply.isNone()) return std::nullopt;
+  if (const std::string* text = reply.getString()) return *text;
+  return reply.description();
 }
 
 // ---------------------------------------------------------------------------

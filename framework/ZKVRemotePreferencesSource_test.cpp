@@ -93,13 +93,19 @@ class RecordingCenter : public velmora::SystemNotificationCenter {
 };
 
 // Counts attempts to reach the daemon (none are expected).
+// Counts connections and hands out real ones to a bus that does not exist,
+// so any request fails at once instead of reaching a daemon.
 class CountingIpc : public velmora::IpcService {
  public:
-  std::shared_ptr<velmora::IpcConnection> connect(std::string, std::shared_ptr<velmora::DispatchQueue>) override {
+  std::shared_ptr<velmora::IpcConnection> connect(std::string name,
+                                                  std::shared_ptr<velmora::DispatchQueue> queue) override {
     connects.fetch_add(1);
-    return nullptr;
+    return nowhere_.connect(std::move(name), std::move(queue));
   }
   std::atomic<int> connects{0};
+
+ private:
+  velmora::DbusIpcService nowhere_{velmora::DbusIpcOptions{.busAddress = "unix:path=/nonexistent/velmora-test-bus"}};
 };
 
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }

@@ -22,6 +22,8 @@
 
 #include <gtest/gtest.h>
 
+#include "velmora/platform/PlistCodec.h"
+
 #ifndef VELMORA_RESPONDER_PATH
 #error "VELMORA_RESPONDER_PATH must name the scripted responder executable"
 #endif
@@ -260,6 +262,47 @@ std::optional<std::string> readFile(const std::string& path) {
   std::ostringstream content;
   content << in.rdbuf();
   return content.str();
+}
+
+bool writePlistFile(const std::string& path, const PropertyList& value) {
+  std::optional<Bytes> bytes = encodeBinaryPlist(value);
+  if (!bytes) return false;
+  const std::string temporary = path + ".tmp" + std::to_string(::getpid());
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
+    if (!out) return false;
+  }
+  return std::rename(temporary.c_str(), path.c_str()) == 0;
+}
+
+std::vector<ResponderArrival> readTimeline(const std::string& path) {
+  std::vector<ResponderArrival> arrivals;
+  std::optional<std::string> text = readFile(path);
+  if (!text) return arrivals;
+  std::size_t begin = 0;
+  // A line still being written has no newline yet: it is left for later.
+  for (std::size_t end = text->find('\n'); end != std::string::npos; end = text->find('\n', begin)) {
+    std::istringstream line(text->substr(begin, end - begin));
+    begin = end + 1;
+    long long nanoseconds = 0;
+    ResponderArrival arrival;
+    if (!(line >> nanoseconds >> arrival.message >> arrival.bundleIdentifier >> arrival.storeIdentifier)) continue;
+    arrival.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
+    arrivals.push_back(std::move(arrival));
+  }
+  return arrivals;
+}
+
+std::vector<PropertyList> readRecordedRequests(const std::string& directory) {
+  std::vector<PropertyList> requests;
+  for (int n = 1;; ++n) {
+    std::optional<std::string> bytes = readFile(directory + "/request-" + std::to_string(n) + ".bplist");
+    if (!bytes) break;
+    requests.push_back(decodeBinaryPlist(
+        std::span(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size())));
+  }
+  return requests;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "velmora/platform/PropertyList.h"
+
 namespace velmora::testing {
 
 // A child process. Killed (SIGKILL) and reaped on destruction if still alive.
@@ -141,6 +143,28 @@ std::string uniqueBusName(const std::string& prefix);
 
 // The whole content of a file, or nullopt when it cannot be read.
 std::optional<std::string> readFile(const std::string& path);
+
+// Writes value to path as a binary property list, through a temporary file
+// renamed into place, so a reader never sees half a file. False when the
+// value cannot be encoded or the file cannot be written. Blocks on file I/O.
+bool writePlistFile(const std::string& path, const PropertyList& value);
+
+// One line of a responder's --timeline file.
+struct ResponderArrival {
+  std::chrono::steady_clock::time_point at;  // when the request arrived (the monotonic clock)
+  std::string message;                       // "-" when it had none
+  std::string bundleIdentifier;              // "-" when it had none
+  std::string storeIdentifier;               // "-" when it had none
+};
+
+// The complete lines of a --timeline file, oldest first; empty when it does
+// not exist yet. Blocks on file I/O.
+std::vector<ResponderArrival> readTimeline(const std::string& path);
+
+// The requests a responder wrote with --record-plists DIR, decoded, in the
+// order received (request-1, request-2, ... up to the first one missing).
+// Blocks on file I/O.
+std::vector<PropertyList> readRecordedRequests(const std::string& directory);
 
 // Polls condition every few milliseconds until it holds or timeout passes;
 // returns its last value. For waiting on other processes, not for timing.

@@ -23,6 +23,30 @@
 //     --post NAME[:COUNT]  (repeatable) no name is owned: emit the system
 //                          notification NAME COUNT times (default 1), the
 //                          --post arguments in order, flush and exit
+//     --script FILE        a property-list file, read again at every request
+//                          (write it whole, e.g. by renaming a temporary
+//                          file), holding a dictionary: message name -> step,
+//                          or -> array of steps, of which the n-th request
+//                          with that name gets the n-th (the last one
+//                          repeats). A request whose "message" has a step is
+//                          answered by the step, before --on and --default;
+//                          others as without the script. Step keys, all
+//                          optional, taken in this order:
+//                            "writeFile" (string path) + "fileContents"
+//                                      (any value, {} when absent): written
+//                                      as a binary property list (via a
+//                                      temporary file and a rename) before
+//                                      anything else happens
+//                            "exit" true:   exit at once, without replying
+//                            "silent" true: no reply at all
+//                            "userinfo" V:  reply {"userinfo": V}
+//                            "error" E:     reply {"error": E}
+//                            "reply" D:     reply the dictionary D as it is
+//                          and with none of the last five, reply {}.
+//     --timeline FILE      append one line per request on arrival, before
+//                          it is answered: "<CLOCK_MONOTONIC nanoseconds>
+//                          <message> <bundleIdentifier> <storeIdentifier>"
+//                          ("-" for a missing value), in one write
 //   It prints "ready <unique name>" on standard output once it owns NAME,
 //   and exits when its bus connection closes.
 //
@@ -48,6 +72,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -78,6 +103,8 @@ struct Options {
   std::string defaultBehaviour;
   long exitAfter = -1;
   std::vector<std::pair<std::string, long>> posts;
+  std::string script;
+  std::string timeline;
 };
 
 struct Delayed {
@@ -92,6 +119,7 @@ struct Responder {
   long handled = 0;
   long received = 0;
   std::vector<Delayed> delayed;
+  std::map<std::string, long> seen;  // requests so far, by "message"
 };
 
 [[noreturn]] void die(const char* what, int r) {
@@ -299,6 +327,64 @@ void record(Responder& self, sd_bus_message* call, const PropertyList& request) 
   }
 }
 
+void noteArrival(const Responder& self, const std::string& message, const PropertyList& request) {
+  if (self.options.timeline.empty()) return;
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  const std::string line = std::to_string(static_cast<long long>(ts.tv_sec) * 1'000'000'000LL + ts.tv_nsec) + " " +
+                           (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-") +
+                           " " + stringOf(request, "storeIdentifier", "-") + "\n";
+  int fd = ::open(self.options.timeline.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) die("open the timeline", errno);
+  if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) die("write the timeline", errno);
+  ::close(fd);
+}
+
+bool truthy(const PropertyList* value) { return value != nullptr && value->booleanValue(); }
+
+void writePlistAtomically(const std::string& path, const PropertyList& value) {
+  auto bytes = velmora::encodeBinaryPlist(value);
+  if (!bytes) die(("encode " + path).c_str(), EINVAL);
+  const std::string temporary = path + ".responder-tmp";
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
+    if (!out) die(("write " + temporary).c_str(), EIO);
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) die(("rename to " + path).c_str(), errno);
+}
+
+// Answers the request by the script's step for its message, if there is
+// one: returns true then, with the send's result in *result.
+bool runScript(Responder& self, sd_bus_message* call, const std::string& message, long occurrence, int* result) {
+  if (self.options.script.empty()) return false;
+  const PropertyList script = velmora::readPlistFile(self.options.script);
+  const PropertyList* step = script.find(message);
+  if (step == nullptr) return false;
+  if (const velmora::PlistArray* steps = step->getArray()) {
+    if (steps->empty()) return false;
+    step = &(*steps)[std::min(static_cast<std::size_t>(occurrence), steps->size() - 1)];
+  }
+  if (!step->isDictionary()) return false;
+  if (const PropertyList* path = step->find("writeFile"); path != nullptr && path->isString()) {
+    const PropertyList* contents = step->find("fileContents");
+    writePlistAtomically(*path->getString(), contents != nullptr ? *contents : PropertyList::dictionary({}));
+  }
+  if (truthy(step->find("exit"))) std::_Exit(0);
+  if (truthy(step->find("silent"))) {
+    *result = 0;
+  } else if (const PropertyList* userInfo = step->find("userinfo")) {
+    *result = replyWith(call, velmora::makeDictionary({{"userinfo", *userInfo}}));
+  } else if (const PropertyList* error = step->find("error")) {
+    *result = replyWith(call, velmora::makeDictionary({{"error", *error}}));
+  } else if (const PropertyList* reply = step->find("reply"); reply != nullptr && reply->isDictionary()) {
+    *result = replyWith(call, *reply);
+  } else {
+    *result = replyWith(call, PropertyList::dictionary({}));
+  }
+  return true;
+}
+
 int onRequest(sd_bus_message* call, void* userdata, sd_bus_error*) {
   auto& self = *static_cast<Responder*>(userdata);
   if (!sd_bus_message_is_method_call(call, self.options.interface.c_str(), self.options.member.c_str())) {
@@ -307,11 +393,17 @@ int onRequest(sd_bus_message* call, void* userdata, sd_bus_error*) {
   PropertyList request = velmora::readDbusDictionary(call).value_or(PropertyList());
   record(self, call, request);
   std::string message = stringOf(request, "message", "");
-  std::string name = self.options.defaultBehaviour.empty() ? message : self.options.defaultBehaviour;
-  if (auto mapped = self.options.on.find(message); mapped != self.options.on.end()) name = mapped->second;
-  auto behaviour = behaviours().find(name);
-  if (behaviour == behaviours().end()) behaviour = behaviours().find("echo");
-  int r = behaviour->second(self, call, request);
+  noteArrival(self, message, request);
+  const long occurrence = self.seen[message]++;
+  std::string name = "script";
+  int r = 0;
+  if (!runScript(self, call, message, occurrence, &r)) {
+    name = self.options.defaultBehaviour.empty() ? message : self.options.defaultBehaviour;
+    if (auto mapped = self.options.on.find(message); mapped != self.options.on.end()) name = mapped->second;
+    auto behaviour = behaviours().find(name);
+    if (behaviour == behaviours().end()) behaviour = behaviours().find("echo");
+    r = behaviour->second(self, call, request);
+  }
   if (r < 0) std::fprintf(stderr, "velmora_scripted_responder: %s failed: %s\n", name.c_str(), std::strerror(-r));
   ++self.handled;
   if (self.options.exitAfter >= 0 && self.handled >= self.options.exitAfter) {
@@ -337,6 +429,8 @@ Options parse(int argc, char** argv) {
     else if (arg == "--record-plists") o.recordPlists = next();
     else if (arg == "--default") o.defaultBehaviour = next();
     else if (arg == "--exit-after") o.exitAfter = std::stol(next());
+    else if (arg == "--script") o.script = next();
+    else if (arg == "--timeline") o.timeline = next();
     else if (arg == "--post") {
       std::string entry = next();
       auto colon = entry.rfind(':');

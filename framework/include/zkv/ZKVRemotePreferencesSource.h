@@ -1,28 +1,57 @@
 // ZKVRemotePreferencesSource: the per-store object of the library. It caches
 // the store's values (each wrapped in a storage record), validates writes,
-// reads the store file that the daemon writes, holds the daemon-given limits
-// and gives its cache up under memory pressure when it is clean and idle.
+// hands the locally changed keys to the daemon (which alone writes the store
+// file), reads that file back and tells the application what changed
+// elsewhere, registers the store with the daemon, holds the daemon-given
+// limits and gives its cache up under memory pressure when it is clean and
+// idle.
 //
 // Design note
 // - Queues. protectionQueue_ ("com.vantrel.zkvprotection") guards the cache
 //   and everything loaded with it (store_), dirtyKeys_, the generation
-//   counts, forceNextSynchronization_ and the keep-alive transaction. Value
-//   operations and synchronisation enter it by sync() from the caller's
-//   thread; memory-pressure warnings are delivered on it. Code on it never
-//   enters it again: loading runs inside the operation that needs it.
-//   registrationQueue_ ("com.vantrel.zkvregistration") serves registration
-//   with the daemon; the protection queue may wait for it, never the reverse.
-// - Lock. configurationLock_ (recursive) guards only configurationDictionary_,
-//   so the key-length limit can be read from work on the protection queue.
-//   It is a leaf: nothing is waited for while it is held.
-// - Outside both. lastAccess_ is an atomic written after a read leaves the
+//   counts and the keep-alive transaction. Value operations and
+//   synchronisation enter it by sync() from the caller's thread; memory-
+//   pressure warnings are delivered on it. Code on it never enters it again:
+//   loading runs inside the operation that needs it. The hand-over of dirty
+//   keys ("synchronize") is a synchronous request made while the queue is
+//   held, so every read and write of the store waits for the daemon's
+//   answer; with nothing written since the last hand-over no request is made.
+//   registrationQueue_ ("com.vantrel.zkvregistration") runs the registration
+//   closure and the requests deferred by kDeferral ("register",
+//   "setDefaultsConfig", "synchronizeRemote"). The protection queue may wait
+//   for it (forceRegistrationNow), never the reverse: nothing on it enters
+//   the protection queue, and sending "register" does not wait for the reply.
+// - Registration. registerForCorvane stores a closure and schedules a
+//   deferred task that keeps the source alive; the closure sends "register"
+//   once, whichever runs it first: that task or forceRegistrationNow, which
+//   every request needing the daemon to know the store calls first. Both
+//   travel on the one connection of client_, so the daemon sees "register"
+//   first. registrationLock_ guards only the closure's slot, because
+//   registerForCorvane fills it from the caller's thread.
+// - Locks. configurationLock_ (recursive) guards only
+//   configurationDictionary_, so the key-length limit can be read from work
+//   on the protection queue. It and registrationLock_ are leaves: nothing is
+//   waited for and nothing is sent while either is held.
+// - Outside the queues. forceNextSynchronization_ is an atomic set by the
+//   "trackSynchronizeRemote" reply on the main queue and consumed by the
+//   next hand-over. The external-change operations (hasExternalChanges,
+//   copyExternalChangesWithChangeCount, discardExternalChangesForChangeCount)
+//   and isInitialSync read store_ on the caller's thread without either
+//   queue, so the caller must not overlap them with other operations on the
+//   same source. lastAccess_ is an atomic written after a read leaves the
 //   queue; environment_, preferenceID_, urlOnDisk_ and client_ are set once
 //   at creation and read from any thread.
-// - Waiting order: caller -> protection queue -> (registration queue,
-//   configuration lock, the client's own queue). Never the reverse.
+// - Replies to asynchronous requests ("register", "getConfiguration",
+//   "trackSynchronizeRemote") run on the main queue; the registration and
+//   configuration replies hold the source weakly, the tracking reply
+//   strongly (its handler must run).
+// - Waiting order: caller -> protection queue -> registration queue ->
+//   (registration lock, configuration lock, the client's own queue). Never
+//   the reverse.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -222,85 +251,118 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
 
   // --- Synchronisation.
 
-  // synchronizeForced: on the protection queue, with the transaction held:
-  // a source without a file location gets an empty cache if it has none; a
-  // source whose cache is not loaded loads the store file. Returns true.
-  // Blocks for the queue and the file read.
+  // How long deferred requests wait: registration, "setDefaultsConfig" and
+  // "synchronizeRemote" leave this long after the call that asks for them.
+  static constexpr std::chrono::nanoseconds kDeferral{2'000'000'000};
+
+  // synchronizeForced: on the protection queue, with the transaction held,
+  // runs lockedSynchronizeForced(forced) and returns its result: true when
+  // nothing had to be handed over or the daemon took the dirty keys, false
+  // when the hand-over got no reply (everything is kept for the next call).
+  // Blocks for the queue, the file read and, with dirty keys, one
+  // synchronous round trip to the daemon. Calling it from the protection
+  // queue aborts.
   bool synchronizeForced(bool forced);
 
-  // synchronize: synchronizeForced(false).
+  // synchronize: synchronizeForced(false). With nothing written since the
+  // last hand-over it makes no request at all.
   bool synchronize();
 
-  // scheduleRemoteSynchronization: sends "synchronizeRemote" from the
-  // registration queue 2 seconds from now. Returns at once.
+  // scheduleRemoteSynchronization: sends "synchronizeRemote" (no reply) from
+  // the registration queue kDeferral from now; the pending task keeps the
+  // source alive. Each call sends its own. Neither forces the registration
+  // nor hands dirty keys over. Returns at once.
   void scheduleRemoteSynchronization();
 
   // synchronizationWithCompletionHandler: forces the pending registration,
-  // then asks the daemon to synchronise with the server now. handler runs
-  // once on the main queue with the reply's "error" entry as it stands (a
-  // PropertyList), a ZKVError, or nothing (success). Returns at once after
-  // the send.
+  // then asks the daemon ("trackSynchronizeRemote") to synchronise with the
+  // server now. handler (may be empty: the reply is then dropped) runs once
+  // on the main queue with the reply's "error" entry as it stands (a
+  // PropertyList), a ZKVError, or nothing (success). An empty reply also
+  // makes the next hand-over a forced one. The pending reply keeps the
+  // source alive. Blocks only for the registration queue; returns after the
+  // send.
   void synchronizationWithCompletionHandler(ZKVReplyHandler handler);
 
   // isInitialSync: whether the last load saw the initial synchronisation
-  // from the server arrive. No locking, no loading.
+  // from the server arrive. No locking, no loading: the caller's thread.
   bool isInitialSync() const;
 
   // --- Configuration requests.
 
   // updateConfiguration: forces the pending registration and asks the daemon
-  // for the configuration; the reply replaces it. Returns at once.
+  // for the configuration ("getConfiguration"); a dictionary reply replaces
+  // the held one on the main queue, anything else is ignored silently.
+  // Blocks only for the registration queue; returns after the send.
   void updateConfiguration();
-  // setDefaultsConfiguration: sends configuration to the daemon as
-  // "setDefaultsConfig" from the registration queue 2 seconds from now.
-  // Returns at once.
+  // setDefaultsConfiguration: sends configuration as it stands to the daemon
+  // ("setDefaultsConfig", synchronous, reply ignored) from the registration
+  // queue kDeferral from now; the pending task keeps the source and the
+  // value alive. Nothing is stored locally. Returns at once.
   void setDefaultsConfiguration(const velmora::PropertyList& configuration);
 
-  // --- External changes. Run on the caller's thread without either queue.
+  // --- External changes. Run on the caller's thread without either queue:
+  // don't overlap them with other operations on the same source.
 
-  // hasExternalChanges: whether changes made elsewhere are pending.
+  // hasExternalChanges: whether changes made elsewhere are pending (loaded
+  // from the store file and not yet taken). Logs the answer at debug level.
   bool hasExternalChanges();
   // copyExternalChangesWithChangeCount: takes the pending changes, grouped
-  // as change reason -> keys; nullopt when none were pending. Always writes
+  // as change reason -> keys (in key order); nullopt when none were pending.
+  // Applications linked before release 8 see reason 5 as 1. Always writes
   // the source's change count to outChangeCount (when not null): hand it to
   // discardExternalChangesForChangeCount once the changes are dealt with.
-  // The caller owns the result.
+  // The pending set is emptied: each change is handed out once. The caller
+  // owns the result.
   std::optional<std::map<std::int64_t, std::vector<std::string>>> copyExternalChangesWithChangeCount(
       std::int64_t* outChangeCount);
   // discardExternalChangesForChangeCount: forces the pending registration and
-  // asks the daemon (synchronously) to drop journal entries up to changeCount.
-  // Blocks until the daemon answers or the request fails.
+  // asks the daemon ("discardJournalEntries", with the bare number as
+  // payload) to drop journal entries up to changeCount; the reply is
+  // ignored and nothing local changes. Blocks until the daemon answers or
+  // the request fails.
   void discardExternalChangesForChangeCount(std::int64_t changeCount);
 
   // --- Registration.
 
-  // registerForCorvane: registers the store with the daemon 2 seconds from
-  // now, unless a request that needs it pulls it forward. Returns at once.
+  // registerForCorvane: registers the store with the daemon kDeferral from
+  // now, unless a request that needs it pulls it forward; "register" goes
+  // out once per call either way, and its dictionary reply becomes the
+  // configuration (anything else is logged as "NimbrelStore error: ...").
+  // The pending task keeps the source alive. Returns at once.
   void registerForCorvane();
-  // unregisterForCorvane: sends any pending registration, then "unregister".
+  // unregisterForCorvane: sends any pending registration, then "unregister"
+  // (no reply). Blocks only for the registration queue.
   void unregisterForCorvane();
-  // ping: sends "ping" without reply.
+  // ping: sends "ping" without reply; no registration is forced. Never blocks.
   void ping();
-  // serverSideDebugDescription: the daemon's description of this store, or
-  // nullopt when it gives none. Blocks for the synchronous request.
+  // serverSideDebugDescription: the daemon's description of its state
+  // ("printDebugDescription"): a text reply as it stands, any other reply
+  // as its description, nullopt when no reply came. Blocks for the
+  // synchronous request; no registration is forced. The caller owns it.
   std::optional<std::string> serverSideDebugDescription();
 
-  // The notification names as class methods.
+  // The notification names as class methods (static strings).
   static const char* ZKVRemotePreferencesSourceDidChangeNotification();
   static const char* ZKVRemotePreferencesSourceConfigurationDidChangeNotification();
 
-  // --- ZKVManagement: account-wide operations, each through a temporary
-  // client of its own. All return at once and report nothing to the caller.
+  // --- ZKVManagement (ZKVManagement.cpp): account-wide operations, each
+  // through a temporary client of its own that carries no store identity.
+  // All return at once, never block on the daemon and report nothing to the
+  // caller; any thread.
 
-  // resetAllApplicationsWithCompletionHandler: sends "resetapps"; completion
-  // (may be empty) runs once on the main queue whatever the outcome.
+  // resetAllApplicationsWithCompletionHandler: sends "resetapps" and shuts
+  // the temporary client down right after the send; completion (may be
+  // empty) is queued on the main queue once the reply, or the error of the
+  // cancelled request, has arrived.
   static void resetAllApplicationsWithCompletionHandler(std::function<void()> completion);
-  // noteAccountChanges: logs the change and sends "ping"; the argument is
-  // accepted and ignored.
+  // noteAccountChanges: logs "ZKVRemotePreferencesSource notes accounts
+  // changed" and sends "ping"; the client is shut down when the reply comes.
+  // The argument is accepted and ignored.
   static void noteAccountChanges(const void* ignored);
-  // migrateVelmoraForBundleIdentifier: asks the daemon to migrate one
-  // application's store; the outcome is only logged. nullptr is logged as an
-  // error and nothing is sent.
+  // migrateVelmoraForBundleIdentifier: asks the daemon ("migrate") to
+  // migrate one application's store; the reply is only logged, then the
+  // client is shut down. nullptr is logged as an error and nothing is sent.
   static void migrateVelmoraForBundleIdentifier(const char* bundleIdentifier);
 
   // --- Configuration and limits. Guarded by the source's recursive
@@ -331,6 +393,11 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // The registration queue (shared with the caller). Immutable.
   const std::shared_ptr<velmora::DispatchQueue>& registrationQueue() const noexcept { return registrationQueue_; }
 
+  // _forceRegistrationNow: enters the registration queue by sync() and, if a
+  // registration is pending, sends "register" there; returns once it is
+  // sent (not answered). Any thread except the registration queue (aborts).
+  void forceRegistrationNow();
+
   // _locked_zkv_start_transaction / _locked_zkv_end_transaction: open the
   // keep-alive transaction if none is held / close it if one is. Calls do not
   // nest. Protection queue only (asserted).
@@ -339,8 +406,17 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // Whether the transaction is held. Protection queue only (asserted).
   bool lockedIsExecutingForClient() const;
 
-  // _synchronizeForced: the central step (see synchronizeForced). Protection
-  // queue only (asserted).
+  // _synchronizeForced: the central step. Without a file location: makes an
+  // empty cache if none is loaded. With the cache not loaded: loads the
+  // store file. Otherwise, with an empty "trackSynchronizeRemote" reply
+  // pending, counts as forced; with nothing written since the last
+  // hand-over, re-reads the file when forced; else forces the pending
+  // registration and sends "synchronize" {"changes", "changecount"}
+  // synchronously. A reply empties the dirty keys and either re-reads the
+  // file (forced) or takes the reply's change count (except in one host
+  // application); no reply keeps keys and counts for the next attempt.
+  // Returns false only when the hand-over got no reply. Protection queue
+  // only (asserted); blocks on file I/O and the round trip.
   bool lockedSynchronizeForced(bool forced);
   // _cachePlistFromDisk: reads the store file and applies it
   // (ZKVApplyStoreFileContents). Protection queue only (asserted); blocks on
@@ -375,6 +451,21 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   void createMemoryWarningSource();
   // Formats the dirty-key set for log lines. Protection queue only.
   static std::string describeKeySet(const KeySet& keys);
+  // Class initialisation: fixes the process-wide account-switch flag on the
+  // first call from any thread; later calls cost one atomic load.
+  static void initializeClass();
+  // Whether applications of this process are told reason 5 as 1 (linked
+  // before release 8). Calls initializeClass(). Any thread.
+  static bool forgetsAccountSwitchReason();
+  // The closure registerForCorvane stores: sends "register" once.
+  // Registration queue only (asserted).
+  std::function<void()> makeRegistrationBlock();
+  // Runs the pending registration closure, if any. Registration queue only.
+  void runPendingRegistration();
+  // Whether a hand-over's reply sets the change count: false only in the
+  // one host application that keeps its own. Looked up once per source.
+  // Protection queue only.
+  bool lockedTakesReplyChangeCount();
 
   // Field order matters: C++ destroys fields in reverse, which releases the
   // strong references after the destructor body in the order the design
@@ -392,15 +483,22 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   mutable std::recursive_mutex configurationLock_;     // guards configurationDictionary_
   velmora::PropertyList configurationDictionary_;      // guarded by configurationLock_
   std::shared_ptr<ZKVClient> client_;                  // immutable after construction
-  std::function<void()> registrationBlock_;            // registration queue
+  // The pending registration; filled from the caller's thread by
+  // registerForCorvane, read and cleared on the registration queue.
+  std::mutex registrationLock_;                        // guards registrationBlock_
+  std::function<void()> registrationBlock_;            // guarded by registrationLock_
   std::shared_ptr<velmora::DispatchQueue> registrationQueue_;  // immutable after construction
   std::shared_ptr<velmora::DispatchQueue> protectionQueue_;    // immutable after construction
   // Written on the protection queue at creation; dropped by the destructor,
   // when no handler can hold the source any more.
   std::unique_ptr<velmora::MemoryWarningRegistration> memoryWarningSource_;
   std::atomic<double> lastAccess_{0.0};                // atomic: written outside the queue
-  // Protection queue; read by the hand-over to the daemon.
-  [[maybe_unused]] bool forceNextSynchronization_ = false;
+  // Set by an empty "trackSynchronizeRemote" reply on the main queue,
+  // consumed by the next hand-over on the protection queue; atomic.
+  std::atomic<bool> forceNextSynchronization_{false};
+  // Whether hand-over replies set the change count; unknown until the first
+  // reply. Protection queue.
+  std::optional<bool> takesReplyChangeCount_;
   std::optional<velmora::KeepAliveTransaction> isExecutingForClient_;  // protection queue
   // The centre the two observations were made with (centres live until
   // exit). Written once by create() before the source is handed out.
