@@ -1,0 +1,394 @@
+// NimbrelStore over the real parts: store files in a scratch home directory,
+// a private bus, and a scripted responder standing in for the daemon, whose
+// record tells what the daemon received.
+#include "zkv/NimbrelStore.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "PrivateBus.h"
+#include "velmora/platform/Dispatch.h"
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Ipc.h"
+#include "velmora/platform/Log.h"
+#include "velmora/platform/PlistCodec.h"
+#include "velmora/platform/SystemNotifications.h"
+#include "zkv/ZKVEncoding.h"
+#include "zkv/ZKVRemotePreferencesSource.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using velmora::makeDictionary;
+using velmora::PlistDictionary;
+using velmora::PropertyList;
+using velmora::testing::waitUntil;
+
+constexpr auto kPatience = 10s;  // how long to wait for other processes
+
+PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
+
+// The real environment with a scratch home and an application of the test's own.
+class ScratchEnvironment final : public velmora::Environment {
+ public:
+  ScratchEnvironment(std::string home, std::string app) : home_(std::move(home)), app_(std::move(app)) {}
+  std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
+  std::optional<std::string> homeDirectory() const override { return home_; }
+  double absoluteTime() const override { return system_.absoluteTime(); }
+  std::optional<std::string> hostApplicationIdentifier() const override { return app_; }
+  bool isSandboxed() const override { return false; }
+
+ private:
+  velmora::SystemEnvironment system_;
+  const std::string home_;
+  const std::string app_;
+};
+
+// Sends the daemon's requests to this test's responder.
+class ResponderService final : public velmora::IpcService {
+ public:
+  explicit ResponderService(std::string busName) : busName_(std::move(busName)) {}
+  std::shared_ptr<velmora::IpcConnection> connect(std::string,
+                                                  std::shared_ptr<velmora::DispatchQueue> eventQueue) override {
+    return transport_.connect(busName_, std::move(eventQueue));
+  }
+
+ private:
+  const std::string busName_;
+  velmora::DbusIpcService transport_;
+};
+
+class NimbrelStoreTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { velmora::testing::PrivateBus::instance(); }
+
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "nimbrel-store-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+    // A fresh application per test, so no test meets another's store.
+    static std::atomic<int> counter{0};
+    app_ = "com.example.notes" + std::to_string(counter.fetch_add(1));
+    previousEnv_ = velmora::setEnvironment(std::make_shared<ScratchEnvironment>(root_.string(), app_));
+    previousConsole_ = velmora::setConsoleSink(console_);
+    busName_ = velmora::testing::uniqueBusName("com.vantrel.test.store");
+    previousIpc_ = velmora::setIpcService(std::make_shared<ResponderService>(busName_));
+  }
+
+  void TearDown() override {
+    // A source outlives its store until its deferred registration has gone
+    // out; sending it now keeps it from reaching a later test's daemon.
+    for (const auto& source : sources_) source->forceRegistrationNow();
+    sources_.clear();
+    velmora::setIpcService(previousIpc_);
+    velmora::setConsoleSink(previousConsole_);
+    velmora::setEnvironment(previousEnv_);
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+
+  std::shared_ptr<NimbrelStore> keep(std::shared_ptr<NimbrelStore> store) {
+    store->useSourceSyncWithBlock(
+        [&](ZKVRemotePreferencesSource& source) { sources_.push_back(source.shared_from_this()); });
+    return store;
+  }
+
+  void startDaemon() {
+    daemon_ =
+        velmora::testing::startResponder(busName_, {"--record", (root_ / "record").string(), "--on",
+                                                    "synchronize=userinfo", "--on", "printDebugDescription=userinfo"});
+    ASSERT_NE(daemon_, nullptr);
+  }
+  // Whether the daemon's record holds text (the requests' bodies, one a line).
+  bool recorded(const std::string& text) const {
+    return velmora::testing::readFile((root_ / "record").string()).value_or("").find(text) != std::string::npos;
+  }
+
+  // Writes a store file as the daemon does: each value in a storage record.
+  void writeStoreFile(const std::string& name, const PlistDictionary& values, std::int64_t changeCount,
+                      PlistDictionary journal = {}) {
+    PlistDictionary records;
+    for (const auto& [key, value] : values) {
+      records.emplace(key, ZKVCreateStorageForPropertyListAndTimestamp(value, 700'000'000));
+    }
+    PlistDictionary file{{"values", PropertyList::dictionary(std::move(records))},
+                         {"changecount", PropertyList::integer(changeCount)}};
+    if (!journal.empty()) file.emplace("journal", PropertyList::dictionary(std::move(journal)));
+    const fs::path path = root_ / "Library/Quellstore" / (name + ".plist");
+    fs::create_directories(path.parent_path());
+    std::optional<velmora::Bytes> bytes = velmora::encodeBinaryPlist(PropertyList::dictionary(std::move(file)));
+    ASSERT_TRUE(bytes);
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
+  }
+  static PropertyList journalEntry(std::int64_t count, std::int32_t change) {
+    return makeDictionary({{"count", PropertyList::integer(count)}, {"change", PropertyList::integer(change)}});
+  }
+  static bool announceChange() {
+    return velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification);
+  }
+
+  fs::path root_;
+  std::string app_;
+  std::string busName_;
+  std::unique_ptr<velmora::testing::ChildProcess> daemon_;
+  std::shared_ptr<velmora::CapturingConsoleSink> console_ = std::make_shared<velmora::CapturingConsoleSink>();
+
+ private:
+  std::shared_ptr<velmora::Environment> previousEnv_;
+  std::shared_ptr<velmora::ConsoleSink> previousConsole_;
+  std::shared_ptr<velmora::IpcService> previousIpc_;
+  std::vector<std::shared_ptr<ZKVRemotePreferencesSource>> sources_;
+};
+
+// Collects observer calls, and whether each ran on the main queue.
+struct ObserverLog {
+  std::mutex mutex;
+  std::vector<NimbrelChange> changes;  // guarded by mutex
+  bool allOnMain = true;               // guarded by mutex
+  std::size_t size() {
+    std::lock_guard lock(mutex);
+    return changes.size();
+  }
+};
+
+TEST_F(NimbrelStoreTest, OneStorePerIdentityEachReadingItsOwnFile) {
+  startDaemon();
+  writeStoreFile(app_, {{"where", str("main")}}, 1);
+  writeStoreFile(app_ + "-S", {{"where", str("additional")}}, 1);
+  writeStoreFile("com.example.other", {{"where", str("other")}}, 1);
+
+  std::shared_ptr<NimbrelStore> main = keep(NimbrelStore::defaultStore());
+  std::shared_ptr<NimbrelStore> extra = keep(NimbrelStore::storeWithIdentifier("S"));
+  std::shared_ptr<NimbrelStore> other = keep(NimbrelStore::storeForApplication("com.example.other"));
+  EXPECT_EQ(main, NimbrelStore::defaultStore());
+  EXPECT_EQ(main, NimbrelStore::storeWithIdentifier(""));
+  EXPECT_EQ(extra, NimbrelStore::storeWithIdentifier("S"));
+  EXPECT_EQ(other, NimbrelStore::storeForApplication("com.example.other", ""));
+  // Shared or not is part of the identity, though both read one file.
+  std::shared_ptr<NimbrelStore> mainShared = keep(NimbrelStore::storeForApplication(app_));
+  EXPECT_NE(main, mainShared);
+  EXPECT_NE(main, extra);
+
+  EXPECT_EQ(main->getString("where"), "main");
+  EXPECT_EQ(mainShared->getString("where"), "main");
+  EXPECT_EQ(extra->getString("where"), "additional");
+  EXPECT_EQ(other->getString("where"), "other");
+  EXPECT_EQ(extra->description(), "<NimbrelStore app=" + app_ + " store=S>");
+
+  for (const char* bad : {"..", "a/b", "."}) EXPECT_EQ(NimbrelStore::storeWithIdentifier(bad), nullptr) << bad;
+  EXPECT_EQ(NimbrelStore::storeForApplication(""), nullptr);
+  EXPECT_EQ(NimbrelStore::storeForApplication("x", "../y"), nullptr);
+
+  // A shared store's requests name its application; an additional one's its store.
+  ASSERT_TRUE(other->setString("k", "v").ok());
+  ASSERT_TRUE(extra->setString("k", "v").ok());
+  EXPECT_TRUE(other->synchronize());
+  EXPECT_TRUE(extra->synchronize());
+  EXPECT_TRUE(recorded("\"bundleIdentifier\" = \"com.example.other\"; \"message\" = \"synchronize\";"));
+  EXPECT_TRUE(recorded("\"additionalStore\" = true; \"message\" = \"synchronize\"; \"storeIdentifier\" = \"S\";"));
+
+  // A released store is not handed out again: its unsynchronised writes go with it.
+  ASSERT_TRUE(main->setString("draft", "unsaved").ok());
+  std::weak_ptr<NimbrelStore> released = main;
+  main.reset();
+  ASSERT_TRUE(released.expired());
+  EXPECT_EQ(keep(NimbrelStore::defaultStore())->getString("draft"), std::nullopt);
+}
+
+TEST_F(NimbrelStoreTest, TypedValuesRoundTripWithTheDocumentedConversions) {
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  const velmora::Bytes bytes{0, 1, 0xff};
+  const velmora::PlistArray array{str("x"), PropertyList::integer(2)};
+  const PlistDictionary dictionary{{"nested", PropertyList::boolean(false)}};
+  for (const NimbrelResult& result :
+       {store->setString("s", "text"), store->setInteger("i", -42), store->setDouble("d", 2.5),
+        store->setDouble("whole", 3.0), store->setBool("b", true), store->setData("data", bytes),
+        store->setArray("array", array), store->setDictionary("dict", dictionary),
+        store->setObject("date", PropertyList::date(12.0))}) {
+    ASSERT_TRUE(result.ok());
+  }
+
+  EXPECT_EQ(store->getString("s"), "text");
+  EXPECT_EQ(store->getInteger("i"), -42);
+  EXPECT_EQ(store->getDouble("d"), 2.5);
+  EXPECT_EQ(store->getBool("b"), true);
+  EXPECT_EQ(store->getData("data"), bytes);
+  EXPECT_EQ(store->getArray("array"), array);
+  EXPECT_EQ(store->getDictionary("dict"), dictionary);
+  EXPECT_EQ(store->getObject("date"), PropertyList::date(12.0));
+
+  EXPECT_EQ(store->getInteger("whole"), 3);  // a real that is exactly an integer
+  EXPECT_EQ(store->getInteger("d"), std::nullopt);
+  EXPECT_EQ(store->getDouble("i"), -42.0);
+  EXPECT_EQ(store->getBool("i"), std::nullopt);
+  EXPECT_EQ(store->getString("i"), std::nullopt);
+  EXPECT_EQ(store->getObject("absent"), std::nullopt);
+
+  ASSERT_TRUE(store->removeObject("s").ok());
+  ASSERT_TRUE(store->removeObject("s").ok());  // already gone
+  ASSERT_TRUE(store->setObject("whole", PropertyList()).ok());
+  PlistDictionary all = store->dictionaryRepresentation();
+  EXPECT_EQ(all.size(), 7u);
+  EXPECT_FALSE(all.contains("s") || all.contains("whole"));
+  EXPECT_EQ(all["array"], PropertyList::array(array));
+}
+
+TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing) {
+  startDaemon();
+  auto sizeOf = [](std::size_t length) {
+    return static_cast<std::uint64_t>(ZKVGetSerializedLengthForPropertyList(str(std::string(length, 'x'))));
+  };
+  // Sizes already in the file count towards the total; a key over the
+  // length limit that exists already stays writable.
+  writeStoreFile(app_, {{"seed", str(std::string(10, 'x'))}, {"legacy-long-key", str("")}}, 1);
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  const std::uint64_t total = sizeOf(0) + sizeOf(10) + sizeOf(30) + sizeOf(5);
+  store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) {
+    source.storeConfiguration(makeDictionary({{"maxKeyCount", PropertyList::integer(4)},
+                                              {"maxKeyNameLen", PropertyList::integer(8)},
+                                              {"maxKeyDataLen", PropertyList::integer(sizeOf(30))},
+                                              {"maxKeyDataSum", PropertyList::integer(total)}}));
+  });
+  ASSERT_TRUE(store->setString("legacy-long-key", "").ok());
+  ASSERT_TRUE(store->setString("a", std::string(30, 'x')).ok());
+
+  const PlistDictionary before = store->dictionaryRepresentation();
+  std::int64_t generation = 0;
+  auto refused = [&](NimbrelResult result, NimbrelErrorCode code, std::string_view key, std::uint64_t size,
+                     std::uint64_t limit) {
+    ASSERT_FALSE(result.ok());
+    const NimbrelError& error = result.error();
+    EXPECT_EQ(error.code, code);
+    EXPECT_EQ(error.key, key);
+    EXPECT_EQ(error.size, size);
+    EXPECT_EQ(error.limit, limit);
+    if (limit != 0) {
+      EXPECT_NE(error.message.find(std::to_string(size)), std::string::npos) << error.message;
+      EXPECT_NE(error.message.find(std::to_string(limit)), std::string::npos) << error.message;
+    }
+    if (!key.empty() && velmora::isValidUtf8(key)) {
+      EXPECT_NE(error.message.find(key), std::string::npos) << error.message;
+    }
+  };
+  store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) { generation = source.generationCount(); });
+
+  refused(store->setString("123456789", "v"), NimbrelErrorCode::kKeyTooLong, "123456789", 9, 8);
+  refused(store->setString("", "v"), NimbrelErrorCode::kInvalidKey, "", 0, 0);
+  refused(store->setString("k\xff", "v"), NimbrelErrorCode::kInvalidKey, "k\xff", 0, 0);
+  refused(store->setString("u", "caf\xc3"), NimbrelErrorCode::kInvalidValue, "u", 0, 0);
+  refused(store->setArray("u", {str("fine"), PropertyList()}), NimbrelErrorCode::kInvalidValue, "u", 0, 0);
+  refused(store->setString("big", std::string(31, 'x')), NimbrelErrorCode::kValueTooLarge, "big", sizeOf(31),
+          sizeOf(30));
+  refused(store->setString("b", std::string(30, 'x')), NimbrelErrorCode::kTotalTooLarge, "b",
+          sizeOf(0) + sizeOf(10) + 2 * sizeOf(30), total);
+  ASSERT_TRUE(store->setString("b", "y").ok());  // the fourth key
+  refused(store->setString("c", "z"), NimbrelErrorCode::kTooManyKeys, "c", 5, 4);
+  EXPECT_NE(store->setString("u", "caf\xc3").error().message.find("UTF-8"), std::string::npos);
+
+  PlistDictionary expected = before;
+  expected["b"] = str("y");
+  EXPECT_EQ(store->dictionaryRepresentation(), expected);
+  std::int64_t after = 0;
+  store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) { after = source.generationCount(); });
+  EXPECT_EQ(after, generation + 1);
+
+  // Removing makes room again, for keys and for bytes.
+  ASSERT_TRUE(store->removeObject("b").ok());
+  EXPECT_TRUE(store->setString("c", "z").ok());
+  ASSERT_TRUE(store->synchronize());
+
+  // A reload after a change elsewhere counts the sizes afresh.
+  ObserverLog log;
+  store->addObserver([&](const NimbrelChange& change) {
+    std::lock_guard lock(log.mutex);
+    log.changes.push_back(change);
+  });
+  writeStoreFile(app_, {{"c", str("z")}}, 5, {{"seed", journalEntry(5, 0)}, {"a", journalEntry(5, 0)}});
+  ASSERT_TRUE(announceChange());
+  ASSERT_TRUE(waitUntil([&] { return log.size() > 0; }, kPatience));
+  EXPECT_TRUE(store->setString("b", std::string(30, 'x')).ok());
+}
+
+TEST_F(NimbrelStoreTest, ConcurrentWritersTogetherStayWithinTheTotal) {
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  const std::string value(20, 'x');
+  const auto size = static_cast<std::int64_t>(ZKVGetSerializedLengthForPropertyList(str(value)));
+  store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) {
+    source.storeConfiguration(makeDictionary({{"maxKeyDataSum", PropertyList::integer(10 * size)}}));
+  });
+  std::atomic<int> accepted{0};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([&, t] {
+      for (int i = 0; i < 10; ++i) {
+        if (store->setString("t" + std::to_string(t) + "-" + std::to_string(i), value).ok()) ++accepted;
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  EXPECT_EQ(accepted, 10);
+  EXPECT_EQ(store->dictionaryRepresentation().size(), 10u);
+}
+
+TEST_F(NimbrelStoreTest, ObserversHearChangesOnTheMainQueueBeforeTheJournalIsDiscarded) {
+  startDaemon();
+  writeStoreFile(app_, {{"a", str("1")}}, 1);
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  ASSERT_EQ(store->getString("a"), "1");
+
+  ObserverLog log;
+  std::atomic<bool> discardedEarly{false};
+  store->addObserver([&](const NimbrelChange& change) {
+    if (recorded("discardJournalEntries")) discardedEarly = true;
+    std::lock_guard lock(log.mutex);
+    log.changes.push_back(change);
+    log.allOnMain = log.allOnMain && velmora::DispatchQueue::main().isCurrent();
+  });
+  std::atomic<int> removedCalls{0};
+  store->removeObserver(store->addObserver([&](const NimbrelChange&) { ++removedCalls; }));
+
+  writeStoreFile(app_, {{"a", str("2")}, {"b", str("x")}, {"c", str("y")}, {"d", str("w")}}, 3,
+                 {{"a", journalEntry(2, 0)},
+                  {"b", journalEntry(3, 0)},
+                  {"c", journalEntry(3, 2)},
+                  {"d", journalEntry(3, 7)},
+                  {"old", journalEntry(1, 0)}});
+  ASSERT_TRUE(announceChange());
+  ASSERT_TRUE(waitUntil([&] { return log.size() >= 3; }, kPatience));
+  ASSERT_TRUE(waitUntil([&] { return recorded("discardJournalEntries"); }, kPatience));
+
+  {
+    std::lock_guard lock(log.mutex);
+    EXPECT_EQ(log.changes, (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"a", "b"}},
+                                                       {kNimbrelChangeReasonQuotaViolation, {"c"}},
+                                                       {7, {"d"}}}));
+    EXPECT_TRUE(log.allOnMain);
+  }
+  EXPECT_FALSE(discardedEarly);
+  EXPECT_EQ(removedCalls, 0);
+  EXPECT_TRUE(recorded("\"message\" = \"discardJournalEntries\"; \"userinfo\" = 3;"));
+  EXPECT_EQ(store->getString("a"), "2");
+}
+
+TEST_F(NimbrelStoreTest, DebugDescriptionIsOneConsoleLineWithOrWithoutADaemon) {
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::storeWithIdentifier("S"));
+  const std::string description = "<NimbrelStore app=" + app_ + " store=S>";
+  store->printDebugDescription();
+  EXPECT_EQ(console_->lines(), std::vector<std::string>{"Can't get information on " + description});
+
+  console_->clear();
+  startDaemon();
+  store->printDebugDescription();
+  // The responder answers with the request's own (empty) user info.
+  EXPECT_EQ(console_->lines(), std::vector<std::string>{description + ": {}"});
+}
+
+}  // namespace
