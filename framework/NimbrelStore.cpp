@@ -465,10 +465,9 @@ void NimbrelStore::deliverChanges(const std::map<std::int64_t, std::vector<std::
   }
   // The daemon may drop the journal entries only once the observers have
   // seen them. The request waits for the daemon, so it leaves the main queue;
-  // it runs on the protection queue for the same reason as the taking.
-  changeQueue_->async([source = source_, changeCount] {
-    source->protectionQueue()->sync([&] { source->discardExternalChangesForChangeCount(changeCount); });
-  });
+  // it only sends, so it stays off the protection queue: reads must never
+  // wait behind a daemon round trip.
+  changeQueue_->async([source = source_, changeCount] { source->discardExternalChangesForChangeCount(changeCount); });
 }
 
 // ---------------------------------------------------------------------------
