@@ -3,44 +3,23 @@
 // write paths, whose cost over the source's is the typed wrapper and the
 // limit checks.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 
+#include "BenchSupport.h"
 #include "velmora/platform/Dispatch.h"
-#include "velmora/platform/Environment.h"
 #include "velmora/platform/Ipc.h"
-#include "velmora/platform/Log.h"
-#include "velmora/platform/MemoryPressure.h"
-#include "velmora/platform/SystemNotifications.h"
 #include "zkv/NimbrelStore.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using velmora::PropertyList;
 
 // Requests that reached the daemon stand-in, counted on the sending thread.
 std::atomic<long> gRequests{0};
-
-// The real clock and variables, with the home directory in a scratch folder.
-class ScratchHomeEnvironment : public velmora::Environment {
- public:
-  explicit ScratchHomeEnvironment(std::string home) : home_(std::move(home)) {}
-  std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
-  std::optional<std::string> homeDirectory() const override { return home_; }
-  double absoluteTime() const override { return system_.absoluteTime(); }
-  std::optional<std::string> hostApplicationIdentifier() const override { return "bench.store"; }
-  bool isSandboxed() const override { return false; }
-
- private:
-  velmora::SystemEnvironment system_;
-  const std::string home_;
-};
 
 // A daemon stand-in in the process: counts every request and answers at
 // once, so that the setup's one hand-over succeeds without a bus.
@@ -75,38 +54,9 @@ class CountingIpc : public velmora::IpcService {
   }
 };
 
-// The bus plays no part in what is measured.
-class SilentNotificationCenter : public velmora::SystemNotificationCenter {
- public:
-  velmora::SystemObserverToken addObserver(std::string, std::shared_ptr<velmora::DispatchQueue>, std::function<void()>,
-                                           const void*) override {
-    return 1;
-  }
-  void removeObserver(velmora::SystemObserverToken) override {}
-  void removeObservers(const void*) override {}
-  bool post(std::string_view) override { return true; }
-};
-
-// Drops lines below Default, as a deployed process does.
-class QuietSink : public velmora::LogSink {
- public:
-  void write(const velmora::LogHandle&, velmora::LogLevel, std::string_view) override {}
-  bool accepts(velmora::LogLevel level) const override { return level >= velmora::LogLevel::Default; }
-};
-
 // The process set-up and one store, written to and handed over once.
 struct Scratch {
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "nimbrel-store-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    root = pattern;
-    velmora::setEnvironment(std::make_shared<ScratchHomeEnvironment>(root.string()));
-    velmora::setSystemNotificationCenter(std::make_shared<SilentNotificationCenter>());
-    velmora::setIpcService(std::make_shared<CountingIpc>());
-    velmora::setLogSink(std::make_shared<QuietSink>());
-    velmora::LinuxMemoryPressureOptions quiet;
-    quiet.watchSystem = false;
-    velmora::setMemoryPressureMonitor(std::make_shared<velmora::LinuxMemoryPressureMonitor>(std::move(quiet)));
+  Scratch() : bench("nimbrel-store-bench", "bench.store", std::make_shared<CountingIpc>()) {
     store = NimbrelStore::defaultStore();
     for (int i = 0; i < 100; ++i) {
       if (!store->setString("key" + std::to_string(i), "small value " + std::to_string(i)).ok()) std::abort();
@@ -115,12 +65,8 @@ struct Scratch {
     // go out during a measurement.
     if (!store->synchronize()) std::abort();
   }
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(root, ignored);
-  }
 
-  fs::path root;
+  velmora::bench::BenchScratch bench;
   std::shared_ptr<NimbrelStore> store;
 };
 

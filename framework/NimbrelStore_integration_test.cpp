@@ -13,6 +13,9 @@
 #include <thread>
 
 #include "PrivateBus.h"
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
+#include "StoreFixtures.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Ipc.h"
@@ -29,57 +32,23 @@ using namespace std::chrono_literals;
 using velmora::makeDictionary;
 using velmora::PlistDictionary;
 using velmora::PropertyList;
-using velmora::testing::waitUntil;
+using namespace velmora::testing;  // the shared fixtures of tests/support
 
 constexpr auto kPatience = 10s;  // how long to wait for other processes
 
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
 
-// The real environment with a scratch home and an application of the test's own.
-class ScratchEnvironment final : public velmora::Environment {
- public:
-  ScratchEnvironment(std::string home, std::string app) : home_(std::move(home)), app_(std::move(app)) {}
-  std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
-  std::optional<std::string> homeDirectory() const override { return home_; }
-  double absoluteTime() const override { return system_.absoluteTime(); }
-  std::optional<std::string> hostApplicationIdentifier() const override { return app_; }
-  bool isSandboxed() const override { return false; }
-
- private:
-  velmora::SystemEnvironment system_;
-  const std::string home_;
-  const std::string app_;
-};
-
-// Sends the daemon's requests to this test's responder.
-class ResponderService final : public velmora::IpcService {
- public:
-  explicit ResponderService(std::string busName) : busName_(std::move(busName)) {}
-  std::shared_ptr<velmora::IpcConnection> connect(std::string,
-                                                  std::shared_ptr<velmora::DispatchQueue> eventQueue) override {
-    return transport_.connect(busName_, std::move(eventQueue));
-  }
-
- private:
-  const std::string busName_;
-  velmora::DbusIpcService transport_;
-};
-
 class NimbrelStoreTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { velmora::testing::PrivateBus::instance(); }
+  static void SetUpTestSuite() { PrivateBus::instance(); }
 
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "nimbrel-store-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
     // A fresh application per test, so no test meets another's store.
     static std::atomic<int> counter{0};
     app_ = "com.example.notes" + std::to_string(counter.fetch_add(1));
-    previousEnv_ = velmora::setEnvironment(std::make_shared<ScratchEnvironment>(root_.string(), app_));
-    previousConsole_ = velmora::setConsoleSink(console_);
-    busName_ = velmora::testing::uniqueBusName("com.vantrel.test.store");
-    previousIpc_ = velmora::setIpcService(std::make_shared<ResponderService>(busName_));
+    services_.install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(root_.string(), app_));
+    services_.install(velmora::setConsoleSink, console_);
+    services_.install(velmora::setIpcService, std::make_shared<RedirectingIpcService>(busName_));
   }
 
   void TearDown() override {
@@ -87,11 +56,6 @@ class NimbrelStoreTest : public ::testing::Test {
     // out; sending it now keeps it from reaching a later test's daemon.
     for (const auto& source : sources_) source->forceRegistrationNow();
     sources_.clear();
-    velmora::setIpcService(previousIpc_);
-    velmora::setConsoleSink(previousConsole_);
-    velmora::setEnvironment(previousEnv_);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
   }
 
   std::shared_ptr<NimbrelStore> keep(std::shared_ptr<NimbrelStore> store) {
@@ -101,50 +65,36 @@ class NimbrelStoreTest : public ::testing::Test {
   }
 
   void startDaemon() {
-    daemon_ =
-        velmora::testing::startResponder(busName_, {"--record", (root_ / "record").string(), "--on",
-                                                    "synchronize=userinfo", "--on", "printDebugDescription=userinfo"});
+    daemon_ = startResponder(busName_, {"--record", (root_ / "record").string(), "--on", "synchronize=userinfo", "--on",
+                                        "printDebugDescription=userinfo"});
     ASSERT_NE(daemon_, nullptr);
   }
   // Whether the daemon's record holds text (the requests' bodies, one a line).
   bool recorded(const std::string& text) const {
-    return velmora::testing::readFile((root_ / "record").string()).value_or("").find(text) != std::string::npos;
+    return readFile((root_ / "record").string()).value_or("").find(text) != std::string::npos;
   }
 
   // Writes a store file as the daemon does: each value in a storage record.
   void writeStoreFile(const std::string& name, const PlistDictionary& values, std::int64_t changeCount,
                       PlistDictionary journal = {}) {
-    PlistDictionary records;
-    for (const auto& [key, value] : values) {
-      records.emplace(key, ZKVCreateStorageForPropertyListAndTimestamp(value, 700'000'000));
-    }
-    PlistDictionary file{{"values", PropertyList::dictionary(std::move(records))},
-                         {"changecount", PropertyList::integer(changeCount)}};
-    if (!journal.empty()) file.emplace("journal", PropertyList::dictionary(std::move(journal)));
-    const fs::path path = root_ / "Library/Quellstore" / (name + ".plist");
-    fs::create_directories(path.parent_path());
-    std::optional<velmora::Bytes> bytes = velmora::encodeBinaryPlist(PropertyList::dictionary(std::move(file)));
-    ASSERT_TRUE(bytes);
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
-  }
-  static PropertyList journalEntry(std::int64_t count, std::int32_t change) {
-    return makeDictionary({{"count", PropertyList::integer(count)}, {"change", PropertyList::integer(change)}});
+    PlistDictionary extra;
+    if (!journal.empty()) extra.emplace("journal", PropertyList::dictionary(std::move(journal)));
+    ASSERT_TRUE(
+        writePlistFile(storeFilePath(root_, name).string(), storeWith(records(values), changeCount, std::move(extra))));
   }
   static bool announceChange() {
     return velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification);
   }
 
-  fs::path root_;
+  const ScratchDirectory scratch_{"nimbrel-store"};
+  const fs::path root_ = scratch_.path();
   std::string app_;
-  std::string busName_;
-  std::unique_ptr<velmora::testing::ChildProcess> daemon_;
+  const std::string busName_ = uniqueBusName("com.vantrel.test.store");
+  std::unique_ptr<ChildProcess> daemon_;
   std::shared_ptr<velmora::CapturingConsoleSink> console_ = std::make_shared<velmora::CapturingConsoleSink>();
 
  private:
-  std::shared_ptr<velmora::Environment> previousEnv_;
-  std::shared_ptr<velmora::ConsoleSink> previousConsole_;
-  std::shared_ptr<velmora::IpcService> previousIpc_;
+  ScopedServices services_;  // put back before the scratch directory goes
   std::vector<std::shared_ptr<ZKVRemotePreferencesSource>> sources_;
 };
 

@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "PrivateBus.h"
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/Log.h"
@@ -27,53 +29,12 @@ using velmora::DispatchQueue;
 using velmora::LogLevel;
 using velmora::makeDictionary;
 using velmora::PropertyList;
-using velmora::testing::PrivateBus;
-using velmora::testing::readFile;
-using velmora::testing::responderPath;
-using velmora::testing::startResponder;
-using velmora::testing::uniqueBusName;
-using velmora::testing::waitUntil;
+using namespace velmora::testing;  // the shared fixtures of tests/support
 
 constexpr auto kPatience = 10s;  // how long to wait for other processes
 
 // The responder behaviour that answers {"userinfo": the request's "userinfo"}.
 constexpr const char* kUserInfoBehaviour = "userinfo";
-
-// The real session-bus transport, with the daemon's well-known name swapped
-// for one of the test's own: every test meets a fresh responder, and a short
-// call timeout keeps the silent-daemon case quick.
-class TestBusService final : public velmora::IpcService {
- public:
-  TestBusService(std::string busName, std::chrono::milliseconds callTimeout)
-      : busName_(std::move(busName)), transport_(optionsWithTimeout(callTimeout)) {}
-
-  std::shared_ptr<velmora::IpcConnection> connect(std::string serviceName,
-                                                  std::shared_ptr<DispatchQueue> eventQueue) override {
-    {
-      std::lock_guard lock(mutex_);
-      requested_.push_back(std::move(serviceName));
-    }
-    return transport_.connect(busName_, std::move(eventQueue));
-  }
-
-  static velmora::DbusIpcOptions optionsWithTimeout(std::chrono::milliseconds callTimeout) {
-    velmora::DbusIpcOptions options;
-    options.callTimeout = callTimeout;
-    return options;
-  }
-
-  // The service names the client asked for, one per connection made.
-  std::vector<std::string> requested() {
-    std::lock_guard lock(mutex_);
-    return requested_;
-  }
-
- private:
-  const std::string busName_;
-  velmora::DbusIpcService transport_;
-  std::mutex mutex_;
-  std::vector<std::string> requested_;  // guarded by mutex_
-};
 
 // Waits for a reply handler's calls.
 class HandlerProbe {
@@ -121,7 +82,7 @@ class ZKVClientBusTest : public ::testing::Test {
   void SetUp() override {
     std::filesystem::create_directory(plistDirectory());
     useCallTimeout(kPatience);
-    previousSink_ = velmora::setLogSink(log_);
+    services_.install(velmora::setLogSink, log_);
   }
 
   void TearDown() override {
@@ -131,14 +92,16 @@ class ZKVClientBusTest : public ::testing::Test {
     for (std::weak_ptr<ZKVClient>& weak : clients_) {
       EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience)) << "a client outlived its shutdown";
     }
-    velmora::setIpcService(previousService_);
-    velmora::setLogSink(previousSink_);
   }
 
+  // The real session-bus transport, with the daemon's well-known name
+  // swapped for the test's own: every test meets a fresh responder, and a
+  // short call timeout keeps the silent-daemon case quick.
   void useCallTimeout(std::chrono::milliseconds timeout) {
-    service_ = std::make_shared<TestBusService>(name_, timeout);
-    auto previous = velmora::setIpcService(service_);
-    if (!previousService_) previousService_ = previous;
+    velmora::DbusIpcOptions options;
+    options.callTimeout = timeout;
+    service_ = std::make_shared<RedirectingIpcService>(name_, std::move(options));
+    services_.install(velmora::setIpcService, service_);
   }
 
   std::shared_ptr<ZKVClient> makeClient(std::optional<std::string> bundle = "com.example.app",
@@ -149,7 +112,7 @@ class ZKVClientBusTest : public ::testing::Test {
   }
 
   // A responder owning this test's name that records what it receives.
-  std::unique_ptr<velmora::testing::ChildProcess> startDaemon(std::vector<std::string> arguments = {}) {
+  std::unique_ptr<ChildProcess> startDaemon(std::vector<std::string> arguments = {}) {
     arguments.insert(arguments.begin(), {"--record", recordPath(), "--record-plists", plistDirectory()});
     return startResponder(name_, arguments);
   }
@@ -175,25 +138,18 @@ class ZKVClientBusTest : public ::testing::Test {
     return velmora::decodeBinaryPlist({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
   }
 
+  // Waits for a line of the client's channel with level and message.
   bool logged(LogLevel level, const std::string& message) {
-    return waitUntil(
-        [&] {
-          auto lines = log_->lines();
-          return std::any_of(lines.begin(), lines.end(), [&](const velmora::CapturedLogLine& l) {
-            return l.category == "Default" && l.level == level && l.message == message;
-          });
-        },
-        kPatience);
+    return waitUntil([&] { return loggedOnDefaultChannel(*log_, level, message); }, kPatience);
   }
 
   const std::string name_ = uniqueBusName("com.vantrel.test.ZKVClient");
-  std::shared_ptr<TestBusService> service_;
+  std::shared_ptr<RedirectingIpcService> service_;
   std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
   std::vector<std::weak_ptr<ZKVClient>> clients_;
 
  private:
-  std::shared_ptr<velmora::IpcService> previousService_;
-  std::shared_ptr<velmora::LogSink> previousSink_;
+  ScopedServices services_;
 };
 
 

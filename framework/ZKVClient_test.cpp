@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "ScratchEnvironment.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/Log.h"
@@ -167,8 +168,8 @@ ZKVReply awaitReply(const std::shared_ptr<ZKVClient>& client, const char* name) 
 class ZKVClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    previousService_ = velmora::setIpcService(service_);
-    previousSink_ = velmora::setLogSink(log_);
+    services_.install(velmora::setIpcService, service_);
+    services_.install(velmora::setLogSink, log_);
   }
 
   void TearDown() override {
@@ -181,8 +182,6 @@ class ZKVClientTest : public ::testing::Test {
       for (int i = 0; i < 500 && !weak.expired(); ++i) std::this_thread::sleep_for(10ms);
       EXPECT_TRUE(weak.expired()) << "a client outlived its shutdown";
     }
-    velmora::setIpcService(previousService_);
-    velmora::setLogSink(previousSink_);
   }
 
   std::shared_ptr<ZKVClient> makeClient(std::shared_ptr<DispatchQueue> queue = nullptr) {
@@ -211,8 +210,7 @@ class ZKVClientTest : public ::testing::Test {
   std::vector<std::weak_ptr<ZKVClient>> clients_;
 
  private:
-  std::shared_ptr<velmora::IpcService> previousService_;
-  std::shared_ptr<velmora::LogSink> previousSink_;
+  velmora::testing::ScopedServices services_;
 };
 
 TEST_F(ZKVClientTest, MissingNameIsAFatalAssertion) {

@@ -11,19 +11,11 @@
 #include <thread>
 #include <vector>
 
+#include "ScratchEnvironment.h"
+
 namespace {
 
 using velmora::LogLevel;
-
-// Installs a sink for one test and puts the previous one back.
-class ScopedLogSink {
- public:
-  explicit ScopedLogSink(std::shared_ptr<velmora::LogSink> sink) : previous_(velmora::setLogSink(std::move(sink))) {}
-  ~ScopedLogSink() { velmora::setLogSink(previous_); }
-
- private:
-  std::shared_ptr<velmora::LogSink> previous_;
-};
 
 // Runs in a re-executed copy of the test binary, where no channel exists yet,
 // so the threads really race to make it. Exits 0 when they all agree.
@@ -71,8 +63,8 @@ TEST(ZKVLogTest, ThreeDistinctChannelsUnderOneSubsystem) {
 }
 
 TEST(ZKVLogTest, LinesReachTheInstalledSink) {
-  auto capture = std::make_shared<velmora::CapturingLogSink>();
-  ScopedLogSink scoped(capture);
+  velmora::testing::ScopedServices scoped;
+  auto capture = scoped.captureLog();
   ZKVGetDefaultLog()->log(LogLevel::Error, "write failed");
   ZKVGetTraceLog()->logf(LogLevel::Debug, "step %d", 3);
   EXPECT_EQ(capture->lines(),
@@ -88,7 +80,8 @@ TEST(ZKVLogTest, DebugHiddenOnStderrBackendAtDefaultThreshold) {
   velmora::SystemLogSink::Options options;  // Stream backend, Default threshold
   options.streamFd = fd;
   {
-    ScopedLogSink scoped(std::make_shared<velmora::SystemLogSink>(options));
+    velmora::testing::ScopedServices scoped;
+    scoped.install(velmora::setLogSink, std::make_shared<velmora::SystemLogSink>(options));
     EXPECT_FALSE(ZKVGetSchedulerLog()->isEnabled(LogLevel::Debug));
     ZKVGetSchedulerLog()->log(LogLevel::Debug, "tick");
     ZKVGetSchedulerLog()->log(LogLevel::Info, "tock");

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "PrivateBus.h"
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/Log.h"
@@ -30,7 +32,7 @@ using velmora::IpcReply;
 using velmora::LogLevel;
 using velmora::makeDictionary;
 using velmora::PropertyList;
-using velmora::testing::waitUntil;
+using namespace velmora::testing;  // the shared fixtures of tests/support
 using Source = ZKVRemotePreferencesSource;
 using Steps = std::vector<std::string>;
 
@@ -106,50 +108,30 @@ class RecordedConnection final : public IpcConnection {
   const std::size_t index_;
 };
 
-// The real transport, redirected to the test's own bus name and recorded.
-class RecordingIpcService final : public velmora::IpcService {
- public:
-  RecordingIpcService(std::string busName, std::shared_ptr<ConnectionDiary> diary)
-      : busName_(std::move(busName)), diary_(std::move(diary)) {}
-  std::shared_ptr<IpcConnection> connect(std::string, std::shared_ptr<DispatchQueue> eventQueue) override {
-    return std::make_shared<RecordedConnection>(transport_.connect(busName_, std::move(eventQueue)), diary_);
-  }
-
- private:
-  const std::string busName_;
-  const std::shared_ptr<ConnectionDiary> diary_;
-  velmora::DbusIpcService transport_;
-};
-
 class ManagementTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { velmora::testing::PrivateBus::instance(); }
+  static void SetUpTestSuite() { PrivateBus::instance(); }
 
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zkv-management-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    busName_ = velmora::testing::uniqueBusName("com.vantrel.test.management");
-    previousIpc_ = velmora::setIpcService(std::make_shared<RecordingIpcService>(busName_, diary_));
-    previousSink_ = velmora::setLogSink(log_);
+    // The real transport, redirected to the test's own bus name and recorded.
+    auto recorded = [diary = diary_](std::shared_ptr<IpcConnection> inner) {
+      return std::make_shared<RecordedConnection>(std::move(inner), diary);
+    };
+    services_.install(velmora::setIpcService,
+                      std::make_shared<RedirectingIpcService>(busName_, velmora::DbusIpcOptions{}, std::move(recorded)));
+    services_.install(velmora::setLogSink, log_);
   }
-  void TearDown() override {
-    daemon_.reset();
-    velmora::setLogSink(previousSink_);
-    velmora::setIpcService(previousIpc_);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
+  void TearDown() override { daemon_.reset(); }
 
   void startDaemon(std::vector<std::string> arguments = {}) {
     arguments.insert(arguments.end(), {"--default", "userinfo", "--record-plists", root_.string(), "--timeline",
                                        (root_ / "timeline").string()});
-    daemon_ = velmora::testing::startResponder(busName_, arguments);
+    daemon_ = startResponder(busName_, arguments);
     ASSERT_NE(daemon_, nullptr);
   }
   std::vector<std::string> arrivedMessages() const {
     std::vector<std::string> messages;
-    for (const auto& arrival : velmora::testing::readTimeline((root_ / "timeline").string())) {
+    for (const auto& arrival : readTimeline((root_ / "timeline").string())) {
       messages.push_back(arrival.message);
     }
     return messages;
@@ -163,23 +145,19 @@ class ManagementTest : public ::testing::Test {
         kPatience);
   }
   bool logged(LogLevel level, const std::string& message) const {
-    const velmora::CapturedLogLine wanted{"com.vantrel.velmora", "Default", level, message};
-    for (const auto& line : log_->lines()) {
-      if (line == wanted) return true;
-    }
-    return false;
+    return loggedOnDefaultChannel(*log_, level, message);
   }
   bool waitForLog(LogLevel level, const std::string& message) const {
     return waitUntil([&] { return logged(level, message); }, kPatience);
   }
 
-  fs::path root_;
-  std::string busName_;
-  std::unique_ptr<velmora::testing::ChildProcess> daemon_;
+  const ScratchDirectory scratch_{"zkv-management"};
+  const fs::path root_ = scratch_.path();
+  const std::string busName_ = uniqueBusName("com.vantrel.test.management");
+  std::unique_ptr<ChildProcess> daemon_;
   std::shared_ptr<ConnectionDiary> diary_ = std::make_shared<ConnectionDiary>();
   std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
-  std::shared_ptr<velmora::IpcService> previousIpc_;
-  std::shared_ptr<velmora::LogSink> previousSink_;
+  ScopedServices services_;  // put back before the scratch directory goes
 };
 
 // Counts completions and where they ran.
@@ -262,7 +240,7 @@ TEST_F(ManagementTest, ResetWithoutCompletionStillSendsAndShutsDown) {
   const Steps steps = diary_->entries()[0];
   EXPECT_EQ(std::count(steps.begin(), steps.end(), "cancel"), 1);
   ASSERT_TRUE(waitUntil([&] { return !arrivedMessages().empty(); }, kPatience));
-  const auto requests = velmora::testing::readRecordedRequests(root_.string());
+  const auto requests = readRecordedRequests(root_.string());
   ASSERT_EQ(requests.size(), 1u);
   // No store identity on account-wide requests.
   EXPECT_EQ(requests[0], makeDictionary({{"message", str("resetapps")}, {"userinfo", PropertyList::dictionary({})}}));
@@ -281,7 +259,7 @@ TEST_F(ManagementTest, AccountChangesAreNotedWithAPing) {
   ASSERT_TRUE(waitForSteps(1, 3));
   for (const Steps& steps : diary_->entries()) EXPECT_EQ(steps, (Steps{"send ping", "reply ok", "cancel"}));
   const PropertyList ping = makeDictionary({{"message", str("ping")}, {"userinfo", PropertyList::dictionary({})}});
-  EXPECT_EQ(velmora::testing::readRecordedRequests(root_.string()), (std::vector<PropertyList>{ping, ping}));
+  EXPECT_EQ(readRecordedRequests(root_.string()), (std::vector<PropertyList>{ping, ping}));
 }
 
 TEST_F(ManagementTest, MigrationSendsTheIdentifierAndLogsTheOutcome) {
@@ -292,7 +270,7 @@ TEST_F(ManagementTest, MigrationSendsTheIdentifierAndLogsTheOutcome) {
   ASSERT_TRUE(waitForSteps(0, 3));
   EXPECT_EQ(diary_->entries()[0], (Steps{"send migrate", "reply ok", "cancel"}));
   EXPECT_EQ(
-      velmora::testing::readRecordedRequests(root_.string()),
+      readRecordedRequests(root_.string()),
       std::vector<PropertyList>{makeDictionary(
           {{"message", str("migrate")}, {"userinfo", makeDictionary({{"parameter", str("com.example.moved")}})}})});
 

@@ -16,6 +16,9 @@
 #include <vector>
 
 #include "PrivateBus.h"
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
+#include "StoreFixtures.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Ipc.h"
@@ -36,9 +39,7 @@ using velmora::makeArray;
 using velmora::makeDictionary;
 using velmora::PlistDictionary;
 using velmora::PropertyList;
-using velmora::testing::PrivateBus;
-using velmora::testing::ResponderArrival;
-using velmora::testing::waitUntil;
+using namespace velmora::testing;  // the shared fixtures of tests/support
 using Source = ZKVRemotePreferencesSource;
 using Groups = std::map<std::int64_t, std::vector<std::string>>;
 
@@ -47,57 +48,6 @@ constexpr auto kPatience = 10s;  // how long to wait for other processes
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
 PropertyList integer(std::int64_t value) { return PropertyList::integer(value); }
 PropertyList dict(PlistDictionary entries = {}) { return PropertyList::dictionary(std::move(entries)); }
-PropertyList record(const std::string& value, std::int64_t timestamp = 700'000'000) {
-  return ZKVCreateStorageForPropertyListAndTimestamp(str(value), timestamp);
-}
-PropertyList storeWith(PlistDictionary values, std::int64_t changeCount, PlistDictionary extra = {}) {
-  extra.insert_or_assign("values", dict(std::move(values)));
-  extra.insert_or_assign("changecount", integer(changeCount));
-  return dict(std::move(extra));
-}
-PropertyList journalEntry(std::int64_t count, std::int32_t change) {
-  return makeDictionary({{"count", integer(count)}, {"change", integer(change)}});
-}
-
-// The process's real variables and clock, a scratch home and a settable
-// application identity.
-class ScratchEnvironment final : public velmora::Environment {
- public:
-  explicit ScratchEnvironment(std::string home) : home_(std::move(home)) {}
-  std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
-  std::optional<std::string> homeDirectory() const override { return home_; }
-  double absoluteTime() const override { return system_.absoluteTime(); }
-  std::optional<std::string> hostApplicationIdentifier() const override {
-    std::lock_guard lock(mutex_);
-    return host_;
-  }
-  bool isSandboxed() const override { return false; }
-  void setHostApplicationIdentifier(std::string identifier) {
-    std::lock_guard lock(mutex_);
-    host_ = std::move(identifier);
-  }
-
- private:
-  velmora::SystemEnvironment system_;
-  const std::string home_;
-  mutable std::mutex mutex_;
-  std::optional<std::string> host_ = "com.example.tests";  // guarded by mutex_
-};
-
-// The real transport with the daemon's well-known name swapped for the
-// test's own: every test meets its own responder.
-class RedirectingIpcService final : public velmora::IpcService {
- public:
-  explicit RedirectingIpcService(std::string busName) : busName_(std::move(busName)) {}
-  std::shared_ptr<velmora::IpcConnection> connect(std::string, std::shared_ptr<DispatchQueue> eventQueue) override {
-    return transport_.connect(busName_, std::move(eventQueue));
-  }
-
- private:
-  const std::string busName_;
-  velmora::DbusIpcService transport_;
-};
-
 // Collects what reply handlers are given, in order.
 class ReplyProbe {
  public:
@@ -154,19 +104,11 @@ class SourceConversationTest : public ::testing::Test {
   static void SetUpTestSuite() { PrivateBus::instance(); }
 
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zkv-conversation-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    home_ = root_ / "home";
-    fs::create_directories(home_ / "Library" / "Quellstore");
-    env_ = std::make_shared<ScratchEnvironment>(home_.string());
-    previousEnv_ = velmora::setEnvironment(env_);
-    previousSink_ = velmora::setLogSink(log_);
-    busName_ = velmora::testing::uniqueBusName("com.vantrel.test.conversation");
-    previousIpc_ = velmora::setIpcService(std::make_shared<RedirectingIpcService>(busName_));
-    velmora::LinuxMemoryPressureOptions quiet;
-    quiet.watchSystem = false;
-    previousMonitor_ = velmora::setMemoryPressureMonitor(std::make_shared<velmora::LinuxMemoryPressureMonitor>(quiet));
+    fs::create_directories(storeDirectory(home_));
+    services_.install(velmora::setEnvironment, env_);
+    services_.install(velmora::setLogSink, log_);
+    services_.install(velmora::setIpcService, std::make_shared<RedirectingIpcService>(busName_));
+    services_.quietMemoryPressure();
   }
 
   void TearDown() override {
@@ -176,12 +118,6 @@ class SourceConversationTest : public ::testing::Test {
       EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience)) << "a source outlived its test";
     }
     daemon_.reset();
-    velmora::setMemoryPressureMonitor(previousMonitor_);
-    velmora::setIpcService(previousIpc_);
-    velmora::setLogSink(previousSink_);
-    velmora::setEnvironment(previousEnv_);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
   }
 
   // A shared store, so that its requests carry the identifier as
@@ -192,29 +128,29 @@ class SourceConversationTest : public ::testing::Test {
     return source;
   }
   std::string storePath(const std::string& application) const {
-    return (home_ / "Library" / "Quellstore" / (application + ".plist")).string();
+    return storeFilePath(home_, application).string();
   }
   void writeStore(const std::string& application, const PropertyList& store) {
-    ASSERT_TRUE(velmora::testing::writePlistFile(storePath(application), store));
+    ASSERT_TRUE(writePlistFile(storePath(application), store));
   }
 
   // What the daemon does, by message name (see the responder's --script).
   void script(PlistDictionary steps) {
-    ASSERT_TRUE(velmora::testing::writePlistFile((root_ / "script.plist").string(), dict(std::move(steps))));
+    ASSERT_TRUE(writePlistFile((root_ / "script.plist").string(), dict(std::move(steps))));
   }
   // A responder that answers unscripted messages with {"userinfo": the
   // request's "userinfo"}; its requests go to a fresh record directory.
   void startDaemon() {
     recordDirectory_ = (root_ / ("requests-" + std::to_string(++daemons_))).string();
     fs::create_directories(recordDirectory_);
-    daemon_ = velmora::testing::startResponder(
-        busName_, {"--default", "userinfo", "--script", (root_ / "script.plist").string(), "--timeline",
-                   (root_ / "timeline").string(), "--record-plists", recordDirectory_});
+    daemon_ = startResponder(busName_, {"--default", "userinfo", "--script", (root_ / "script.plist").string(),
+                                        "--timeline", (root_ / "timeline").string(), "--record-plists",
+                                        recordDirectory_});
     ASSERT_NE(daemon_, nullptr);
   }
 
   std::vector<ResponderArrival> arrivals() const {
-    return velmora::testing::readTimeline((root_ / "timeline").string());
+    return readTimeline((root_ / "timeline").string());
   }
   std::vector<std::string> messagesFrom(const std::string& application) const {
     std::vector<std::string> messages;
@@ -227,7 +163,7 @@ class SourceConversationTest : public ::testing::Test {
   // this message name, in order.
   std::vector<PropertyList> payloadsOf(const std::string& message) const {
     std::vector<PropertyList> payloads;
-    for (const PropertyList& request : velmora::testing::readRecordedRequests(recordDirectory_)) {
+    for (const PropertyList& request : readRecordedRequests(recordDirectory_)) {
       const PropertyList* name = request.find("message");
       const PropertyList* userInfo = request.find("userinfo");
       if (name != nullptr && *name == str(message) && userInfo != nullptr) payloads.push_back(*userInfo);
@@ -253,21 +189,7 @@ class SourceConversationTest : public ::testing::Test {
   }
 
   bool logged(LogLevel level, const std::string& message) const {
-    const velmora::CapturedLogLine wanted{"com.vantrel.velmora", "Default", level, message};
-    for (const auto& line : log_->lines()) {
-      if (line == wanted) return true;
-    }
-    return false;
-  }
-  static ZKVStoreLoadState loadState(Source& source) {
-    ZKVStoreLoadState copy;
-    source.protectionQueue()->sync([&] { copy = source.lockedLoadState(); });
-    return copy;
-  }
-  static std::optional<Source::KeySet> dirtyKeys(Source& source) {
-    std::optional<Source::KeySet> copy;
-    source.protectionQueue()->sync([&] { copy = source.lockedDirtyKeys(); });
-    return copy;
+    return loggedOnDefaultChannel(*log_, level, message);
   }
   // Whether the last hand-over took every write so far.
   static bool handedEverythingOver(Source& source) {
@@ -276,18 +198,17 @@ class SourceConversationTest : public ::testing::Test {
     return handedOver == source.generationCount();
   }
 
-  fs::path root_, home_;
-  std::string busName_;
+  const ScratchDirectory scratch_{"zkv-conversation"};
+  const fs::path root_ = scratch_.path();
+  const fs::path home_ = root_ / "home";
+  const std::string busName_ = uniqueBusName("com.vantrel.test.conversation");
   std::string recordDirectory_;
   int daemons_ = 0;
-  std::unique_ptr<velmora::testing::ChildProcess> daemon_;
+  std::unique_ptr<ChildProcess> daemon_;
   std::vector<std::weak_ptr<Source>> sources_;
-  std::shared_ptr<ScratchEnvironment> env_;
+  std::shared_ptr<ScratchHomeEnvironment> env_ = std::make_shared<ScratchHomeEnvironment>(home_.string());
   std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
-  std::shared_ptr<velmora::Environment> previousEnv_;
-  std::shared_ptr<velmora::LogSink> previousSink_;
-  std::shared_ptr<velmora::IpcService> previousIpc_;
-  std::shared_ptr<velmora::MemoryPressureMonitor> previousMonitor_;
+  ScopedServices services_;  // put back before the scratch directory goes
 };
 
 // ---------------------------------------------------------------------------
@@ -672,38 +593,20 @@ TEST_F(SourceConversationTest, DebugDescriptionIsTheDaemonsTextOrNothing) {
 // Applications linked before release 8. The flag is fixed once per process
 // when the class is first used, so this runs in a fresh child process.
 
-class NoBusCenter final : public velmora::SystemNotificationCenter {
- public:
-  velmora::SystemObserverToken addObserver(std::string, std::shared_ptr<DispatchQueue>, std::function<void()>,
-                                           const void*) override {
-    return 1;
-  }
-  void removeObserver(velmora::SystemObserverToken) override {}
-  void removeObservers(const void*) override {}
-  bool post(std::string_view) override { return true; }
-};
-
 // In a process linked against release 7: reads a journal with an account
 // switch and reports whether it came out as a plain change.
 bool oldApplicationSeesAccountSwitchAsChange() {
   velmora::setLinkedRelease(7);
-  std::string pattern = (fs::temp_directory_path() / "zkv-release7-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) return false;
-  const fs::path home = pattern;
-  fs::create_directories(home / "Library" / "Quellstore");
-  velmora::setEnvironment(std::make_shared<ScratchEnvironment>(home.string()));
-  velmora::setSystemNotificationCenter(std::make_shared<NoBusCenter>());
-  const bool written = velmora::testing::writePlistFile(
-      (home / "Library" / "Quellstore" / "old.plist").string(),
-      storeWith({}, 3,
-                {{"journal", makeDictionary({{"a", journalEntry(1, 5)}, {"b", journalEntry(2, 1)},
-                                             {"c", journalEntry(3, 2)}})}}));
+  const ScratchDirectory home("zkv-release7");
+  velmora::setEnvironment(std::make_shared<ScratchHomeEnvironment>(home.path().string()));
+  velmora::setSystemNotificationCenter(std::make_shared<SilentSystemNotificationCenter>());
+  const PlistDictionary journal{{"a", journalEntry(1, 5)}, {"b", journalEntry(2, 1)}, {"c", journalEntry(3, 2)}};
+  const bool written = writePlistFile(storeFilePath(home.path(), "old").string(),
+                                      storeWith({}, 3, {{"journal", PropertyList::dictionary(journal)}}));
   auto source = Source::create("old", false);
   (void)source->synchronize();
   std::int64_t changeCount = 0;
   const auto groups = source->copyExternalChangesWithChangeCount(&changeCount);
-  std::error_code ignored;
-  fs::remove_all(home, ignored);
   return written && groups == Groups{{1, {"a", "b"}}, {2, {"c"}}};
 }
 

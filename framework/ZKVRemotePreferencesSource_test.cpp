@@ -12,6 +12,9 @@
 #include <mutex>
 #include <thread>
 
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
+#include "StoreFixtures.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Ipc.h"
@@ -29,6 +32,7 @@ using velmora::makeArray;
 using velmora::makeDictionary;
 using velmora::PlistDictionary;
 using velmora::PropertyList;
+using namespace velmora::testing;  // the shared fixtures of tests/support
 using Source = ZKVRemotePreferencesSource;
 
 constexpr double kNow = 800'000'000.25;
@@ -92,85 +96,30 @@ class RecordingCenter : public velmora::SystemNotificationCenter {
   std::vector<std::pair<std::string, const void*>> observed_;  // guarded by mutex_
 };
 
-// Counts attempts to reach the daemon (none are expected).
-// Counts connections and hands out real ones to a bus that does not exist,
-// so any request fails at once instead of reaching a daemon.
-class CountingIpc : public velmora::IpcService {
- public:
-  std::shared_ptr<velmora::IpcConnection> connect(std::string name,
-                                                  std::shared_ptr<velmora::DispatchQueue> queue) override {
-    connects.fetch_add(1);
-    return nowhere_.connect(std::move(name), std::move(queue));
-  }
-  std::atomic<int> connects{0};
-
- private:
-  velmora::DbusIpcService nowhere_{velmora::DbusIpcOptions{.busAddress = "unix:path=/nonexistent/velmora-test-bus"}};
-};
-
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
 PropertyList integer(std::int64_t v) { return PropertyList::integer(v); }
-PropertyList record(const PropertyList& value, std::int64_t timestamp = 700'000'000) {
-  return ZKVCreateStorageForPropertyListAndTimestamp(value, timestamp);
-}
-PropertyList storeWith(PlistDictionary values, std::int64_t changeCount, PlistDictionary extra = {}) {
-  extra.insert_or_assign("values", PropertyList::dictionary(std::move(values)));
-  extra.insert_or_assign("changecount", integer(changeCount));
-  return PropertyList::dictionary(std::move(extra));
-}
 
 class ZKVRemotePreferencesSourceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zkv-source-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    home_ = root_ / "home";
     env_->setHome(home_.string());
-    previousEnv_ = velmora::setEnvironment(env_);
-    previousSink_ = velmora::setLogSink(log_);
-    previousCenter_ = velmora::setSystemNotificationCenter(center_);
-    previousIpc_ = velmora::setIpcService(ipc_);
-    velmora::LinuxMemoryPressureOptions quiet;
-    quiet.watchSystem = false;  // warnings come from raiseMemoryWarning() only
-    previousMonitor_ = velmora::setMemoryPressureMonitor(std::make_shared<velmora::LinuxMemoryPressureMonitor>(quiet));
-  }
-  void TearDown() override {
-    velmora::setMemoryPressureMonitor(previousMonitor_);
-    velmora::setIpcService(previousIpc_);
-    velmora::setSystemNotificationCenter(previousCenter_);
-    velmora::setLogSink(previousSink_);
-    velmora::setEnvironment(previousEnv_);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
+    services_.install(velmora::setEnvironment, env_);
+    services_.install(velmora::setLogSink, log_);
+    services_.install(velmora::setSystemNotificationCenter, center_);
+    services_.install(velmora::setIpcService, ipc_);
+    services_.quietMemoryPressure();  // warnings come from raiseMemoryWarning() only
   }
 
-  fs::path storePath(const std::string& name = "A") const { return home_ / "Library/Quellstore" / (name + ".plist"); }
+  fs::path storePath(const std::string& name = "A") const { return storeFilePath(home_, name); }
   void writeBytes(std::string_view bytes) {
     fs::create_directories(storePath().parent_path());
     std::ofstream(storePath(), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   }
   void writeStore(const PropertyList& store) {
-    std::optional<velmora::Bytes> bytes = velmora::encodeBinaryPlist(store);
-    ASSERT_TRUE(bytes);
-    writeBytes(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+    ASSERT_TRUE(writePlistFile(storePath().string(), store));
   }
   bool logged(LogLevel level, const std::string& message) const {
-    const velmora::CapturedLogLine wanted{"com.vantrel.velmora", "Default", level, message};
-    for (const auto& line : log_->lines()) {
-      if (line == wanted) return true;
-    }
-    return false;
-  }
-  static ZKVStoreLoadState loadState(Source& source) {
-    ZKVStoreLoadState copy;
-    source.protectionQueue()->sync([&] { copy = source.lockedLoadState(); });
-    return copy;
-  }
-  static std::optional<Source::KeySet> dirtyKeys(Source& source) {
-    std::optional<Source::KeySet> copy;
-    source.protectionQueue()->sync([&] { copy = source.lockedDirtyKeys(); });
-    return copy;
+    return loggedOnDefaultChannel(*log_, level, message);
   }
   // Raises a warning and waits for the source's handler to have run.
   static void warn(Source& source) {
@@ -178,16 +127,17 @@ class ZKVRemotePreferencesSourceTest : public ::testing::Test {
     source.protectionQueue()->sync([] {});
   }
 
-  fs::path root_, home_;
+  const ScratchDirectory scratch_{"zkv-source"};
+  const fs::path root_ = scratch_.path();
+  const fs::path home_ = root_ / "home";
   std::shared_ptr<FakeEnvironment> env_ = std::make_shared<FakeEnvironment>();
   std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
   std::shared_ptr<RecordingCenter> center_ = std::make_shared<RecordingCenter>();
-  std::shared_ptr<CountingIpc> ipc_ = std::make_shared<CountingIpc>();
-  std::shared_ptr<velmora::Environment> previousEnv_;
-  std::shared_ptr<velmora::LogSink> previousSink_;
-  std::shared_ptr<velmora::SystemNotificationCenter> previousCenter_;
-  std::shared_ptr<velmora::IpcService> previousIpc_;
-  std::shared_ptr<velmora::MemoryPressureMonitor> previousMonitor_;
+  // Real connections to a bus that does not exist: any request fails at once
+  // instead of reaching a daemon, and the connections made are counted.
+  std::shared_ptr<RedirectingIpcService> ipc_ = std::make_shared<RedirectingIpcService>(
+      "", velmora::DbusIpcOptions{.busAddress = "unix:path=/nonexistent/velmora-test-bus"});
+  ScopedServices services_;  // put back before the scratch directory goes
 };
 
 // ---------------------------------------------------------------------------
@@ -269,7 +219,7 @@ TEST_F(ZKVRemotePreferencesSourceTest, TeardownEndsObservationsAndDropsDirtyKeys
   source.reset();
   EXPECT_TRUE(weak.expired());  // the warning handler does not keep it
   EXPECT_TRUE(center_->namesObservedBy(identity).empty());
-  EXPECT_EQ(ipc_->connects.load(), 0);
+  EXPECT_EQ(ipc_->connectionCount(), 0);
 }
 
 // A warning handler holding the last reference tears the source down on the
@@ -454,8 +404,8 @@ TEST(ZKVStoreFileLoad, EntriesOfTheWrongTypeCountAsAbsent) {
 }
 
 TEST(ZKVStoreFileLoad, InitialSyncIsReportedOnlyAfterALoadThatKnewNone) {
-  auto sink = std::make_shared<velmora::CapturingLogSink>();
-  auto previous = velmora::setLogSink(sink);
+  ScopedServices services;
+  auto sink = services.captureLog();
   ZKVStoreLoadState state;
   ZKVApplyStoreFileContents(state, storeWith({{"a", record(str("x"))}}, 5, {{"versionid", str("v")}}), "f");
   EXPECT_FALSE(state.isInitialSync);  // first load
@@ -474,7 +424,6 @@ TEST(ZKVStoreFileLoad, InitialSyncIsReportedOnlyAfterALoadThatKnewNone) {
   EXPECT_FALSE(state.isInitialSync);
   ZKVApplyStoreFileContents(state, storeWith({}, 4, {{"initialsync", integer(-1)}}), "f");
   EXPECT_EQ(state.initialSyncChangeCount, -1);
-  velmora::setLogSink(previous);
 }
 
 TEST(ZKVStoreFileLoad, ComparisonFindsChangesWhenTheJournalIsSilent) {
@@ -501,25 +450,22 @@ TEST(ZKVStoreFileLoad, ComparisonFindsChangesWhenTheJournalIsSilent) {
 }
 
 TEST(ZKVStoreFileLoad, JournalChangesMergeAndAreCheckedAgainstTheCount) {
-  auto sink = std::make_shared<velmora::CapturingLogSink>();
-  auto previous = velmora::setLogSink(sink);
-  auto entry = [](std::int64_t count, std::int64_t change) {
-    return makeDictionary({{"count", integer(count)}, {"change", integer(change)}});
-  };
+  ScopedServices services;
+  auto sink = services.captureLog();
   ZKVStoreLoadState state;
   ZKVApplyStoreFileContents(state, storeWith({{"a", record(str("x"))}}, 2), "f");
   state.externalChanges = PlistDictionary{{"old", integer(1)}, {"a", integer(1)}};
   ZKVApplyStoreFileContents(
       state,
       storeWith({{"a", record(str("x"))}}, 7,
-                {{"journal", makeDictionary({{"a", entry(3, 2)}, {"b", entry(9, 3)}, {"stale", entry(2, 1)}})}}),
+                {{"journal", makeDictionary({{"a", journalEntry(3, 2)}, {"b", journalEntry(9, 3)},
+                                             {"stale", journalEntry(2, 1)}})}}),
       "f");
   EXPECT_EQ(state.externalChanges, (PlistDictionary{{"old", integer(1)}, {"a", integer(2)}, {"b", integer(3)}}));
   EXPECT_EQ(state.storageChangeCount, 7);
   EXPECT_EQ(sink->lines().back(),
             (velmora::CapturedLogLine{"com.vantrel.velmora", "Default", LogLevel::Default,
                                       "Incorrect NimbrelStore journal change count: 7 - should be at least 9"}));
-  velmora::setLogSink(previous);
 }
 
 // ---------------------------------------------------------------------------

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ScratchEnvironment.h"
+
 namespace velmora {
 namespace {
 
@@ -46,15 +48,10 @@ class ScopedVariable {
 // A fake /proc in a temporary directory.
 class FakeProcTree {
  public:
-  FakeProcTree() {
-    char tmpl[] = "/tmp/velmora-proc-XXXXXX";
-    root_ = ::mkdtemp(tmpl);
-  }
-  ~FakeProcTree() { fs::remove_all(root_); }
-  const std::string& root() const { return root_; }
+  std::string root() const { return directory_.path().string(); }
 
   fs::path process(int pid) {
-    fs::path dir = fs::path(root_) / std::to_string(pid);
+    fs::path dir = directory_.path() / std::to_string(pid);
     fs::create_directories(dir / "root");
     return dir;
   }
@@ -63,7 +60,7 @@ class FakeProcTree {
   }
 
  private:
-  std::string root_;
+  const testing::ScratchDirectory directory_{"velmora-proc"};
 };
 
 TEST(EnvironmentIdentityTest, RulePrecedence) {

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "ScratchEnvironment.h"
 #include "velmora/platform/Environment.h"
 
 namespace velmora {
@@ -56,16 +57,6 @@ class MemoryFd {
 
  private:
   int fd_;
-};
-
-// Installs a sink for one test and puts the previous one back.
-class ScopedLogSink {
- public:
-  explicit ScopedLogSink(std::shared_ptr<LogSink> sink) : previous_(setLogSink(std::move(sink))) {}
-  ~ScopedLogSink() { setLogSink(previous_); }
-
- private:
-  std::shared_ptr<LogSink> previous_;
 };
 
 class ThresholdSink : public LogSink {
@@ -131,7 +122,8 @@ TEST(LogStreamSinkTest, DefaultThresholdHidesDebugAndInfo) {
   ASSERT_EQ(options.backend, SystemLogSink::Backend::Stream);
   EXPECT_EQ(options.threshold, LogLevel::Default);
   options.streamFd = out.fd();
-  ScopedLogSink scoped(std::make_shared<SystemLogSink>(options));
+  velmora::testing::ScopedServices scoped;
+  scoped.install(setLogSink, std::make_shared<SystemLogSink>(options));
 
   LogHandle handle("com.example.sub", "Cat");
   EXPECT_FALSE(handle.isEnabled(LogLevel::Debug));
@@ -176,7 +168,8 @@ TEST(LogSinkTest, SetLogSinkReturnsPreviousAndNullReinstatesDefault) {
 
 TEST(LogSinkTest, HandleConsultsSinkBeforeWriting) {
   auto sink = std::make_shared<ThresholdSink>(LogLevel::Error);
-  ScopedLogSink scoped(sink);
+  velmora::testing::ScopedServices scoped;
+  scoped.install(setLogSink, sink);
   LogHandle handle("com.example.sub", "Cat");
 
   EXPECT_FALSE(handle.isEnabled(LogLevel::Default));
@@ -202,7 +195,8 @@ TEST(LogSinkTest, SwappingSinksWhileLoggingLosesNoLines) {
   constexpr int kLinesPerThread = 2000;
   auto a = std::make_shared<CapturingLogSink>();
   auto b = std::make_shared<CapturingLogSink>();
-  ScopedLogSink scoped(a);
+  velmora::testing::ScopedServices scoped;
+  scoped.install(setLogSink, a);
 
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;

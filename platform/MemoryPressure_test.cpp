@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "ScratchEnvironment.h"
 #include "velmora/platform/Dispatch.h"
 
 namespace velmora {
@@ -42,12 +43,6 @@ std::shared_ptr<LinuxMemoryPressureMonitor> monitorWith(LinuxMemoryPressureOptio
 
 class MemoryPressureWatchTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "memory-pressure-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(root_); }
   void write(const fs::path& relative, std::string_view text) {
     fs::create_directories((root_ / relative).parent_path());
     std::ofstream(root_ / relative, std::ios::binary) << text;
@@ -57,7 +52,8 @@ class MemoryPressureWatchTest : public ::testing::Test {
     text << std::ifstream(root_ / relative, std::ios::binary).rdbuf();
     return text.str();
   }
-  fs::path root_;
+  const testing::ScratchDirectory scratch_{"memory-pressure"};
+  const fs::path root_ = scratch_.path();
 };
 
 TEST_F(MemoryPressureWatchTest, CandidatesFollowThePreferenceOrder) {

@@ -18,6 +18,8 @@
 #include <plist/plist.h>
 #endif
 
+#include "ScratchEnvironment.h"
+
 extern char** environ;
 
 namespace velmora {
@@ -97,16 +99,6 @@ void expectSameLines(const PropertyList& expected, const Strings& actual, const 
 // ---------------------------------------------------------------------------
 // The plistlib oracle, run as a separate process on files in a scratch dir.
 
-struct ScratchDir {
-  ScratchDir() { path = ::mkdtemp(path.data()) ? path : ""; }
-  ~ScratchDir() {
-    std::error_code ec;
-    if (!path.empty()) std::filesystem::remove_all(path, ec);
-  }
-  std::string file(const std::string& name) const { return path + "/" + name; }
-  std::string path = (std::filesystem::temp_directory_path() / "plist-codec-XXXXXX").string();
-};
-
 void writeFile(const std::string& path, std::span<const std::uint8_t> bytes) {
   std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                               static_cast<std::streamsize>(bytes.size()));
@@ -142,7 +134,7 @@ bool runOracle(const Strings& args) {
   return true;
 }
 
-Strings oracleDescribe(const ScratchDir& dir, const std::string& input) {
+Strings oracleDescribe(const testing::ScratchDirectory& dir, const std::string& input) {
   const std::string out = dir.file("description.txt");
   if (!runOracle({"describe", input, out})) return {"oracle failed"};
   Strings lines;
@@ -259,7 +251,7 @@ Trailer trailerOf(const Bytes& b) {
 }
 
 TEST(PlistInteropPlistlib, BinaryBothDirections) {
-  ScratchDir dir;
+  const testing::ScratchDirectory dir("plist-codec");
   for (const PropertyList& value : {smallCase(), allCases()}) {
     const Bytes ours = encodeBinaryPlist(value).value();
     writeFile(dir.file("ours.plist"), ours);
@@ -272,7 +264,7 @@ TEST(PlistInteropPlistlib, BinaryBothDirections) {
 }
 
 TEST(PlistInteropPlistlib, XmlBothDirections) {
-  ScratchDir dir;
+  const testing::ScratchDirectory dir("plist-codec");
   const PropertyList value = xmlCases();
   const std::string ours = encodeXmlPlist(value).value();
   writeFile(dir.file("ours.xml"), asBytes(ours));
@@ -697,10 +689,10 @@ TEST(XmlPlist, RejectsMalformed) {
 }
 
 TEST(XmlPlist, ErrorsStaySilent) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   EXPECT_TRUE(xml("<?xml version=\"1.0\" encoding=\"Shift_JIS\"?><plist><string>\x81</string></plist>").isNone());
   EXPECT_TRUE(xml("<plist><dict><key>a</key></plist>").isNone());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 TEST(XmlPlist, RefusesEntitiesAndExternalResources) {
@@ -794,7 +786,7 @@ TEST(PlistCodec, DecodersAreThreadSafe) {
 }
 
 TEST(PlistCodec, DecodePlistAndReadPlistFile) {
-  ScratchDir dir;
+  const testing::ScratchDirectory dir("plist-codec");
   const PropertyList v = makeDictionary({{"k", PropertyList::string("v")}});
   EXPECT_EQ(decodePlist(encodeBinaryPlist(v).value()), v);
   EXPECT_EQ(decodePlist(asBytes(encodeXmlPlist(v).value())), v);

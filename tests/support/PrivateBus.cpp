@@ -256,26 +256,6 @@ std::string uniqueBusName(const std::string& prefix) {
   return prefix + ".p" + std::to_string(::getpid()) + "n" + std::to_string(counter.fetch_add(1));
 }
 
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-bool writePlistFile(const std::string& path, const PropertyList& value) {
-  std::optional<Bytes> bytes = encodeBinaryPlist(value);
-  if (!bytes) return false;
-  const std::string temporary = path + ".tmp" + std::to_string(::getpid());
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
-    if (!out) return false;
-  }
-  return std::rename(temporary.c_str(), path.c_str()) == 0;
-}
-
 std::vector<ResponderArrival> readTimeline(const std::string& path) {
   std::vector<ResponderArrival> arrivals;
   std::optional<std::string> text = readFile(path);

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "ScratchEnvironment.h"  // readFile, writePlistFile
 #include "velmora/platform/PropertyList.h"
 
 namespace velmora::testing {
@@ -140,14 +141,6 @@ std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std:
 
 // A bus name unique to this process and counter, under prefix.
 std::string uniqueBusName(const std::string& prefix);
-
-// The whole content of a file, or nullopt when it cannot be read.
-std::optional<std::string> readFile(const std::string& path);
-
-// Writes value to path as a binary property list, through a temporary file
-// renamed into place, so a reader never sees half a file. False when the
-// value cannot be encoded or the file cannot be written. Blocks on file I/O.
-bool writePlistFile(const std::string& path, const PropertyList& value);
 
 // One line of a responder's --timeline file.
 struct ResponderArrival {
