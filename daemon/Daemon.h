@@ -1,0 +1,141 @@
+// Daemon: velmorad's bus service. It owns the daemon's well-known name,
+// serves the one method "Request" (a{sv} -> a{sv}) and routes each request
+// to the store it names.
+//
+// Design note
+// - Threads. The bus connection lives on the thread that calls run() (the
+//   bus thread): sd-bus objects are single-threaded, so every message is
+//   read, referenced, answered and released there. Each store has its own
+//   serial DispatchQueue: requests of one store run in arrival order,
+//   different stores in parallel on the shared pool. "resetapps" and
+//   "migrate" run on one global queue that syncs onto store queues (never the
+//   reverse). "ping" and the requests that need no store are answered on the
+//   bus thread at once, never behind a disk write.
+// - Replies. Work on a queue ends by handing (call, reply value) to the
+//   outbox and poking an eventfd; the bus thread builds and sends the reply
+//   message. A call's reference is taken and dropped on the bus thread only.
+// - Guards. registryMutex_ guards stores_; outboxMutex_ guards outbox_;
+//   defaultsMutex_ guards defaultsConfigs_. Each is a leaf: no queue work,
+//   bus call or other lock runs while one is held. A Store is touched only
+//   from its entry's queue.
+// - Waiting order: global queue -> store queues. The bus thread waits for
+//   queues only at shutdown, when it no longer reads requests.
+// - Shutdown. SIGTERM (or the bus going away) stops reading requests; the
+//   queues are drained, so writes in flight finish and their replies go out,
+//   then the connection is flushed and closed.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Store.h"
+#include "velmora/platform/PropertyList.h"
+
+struct sd_bus;
+struct sd_bus_message;
+
+namespace velmora {
+class DispatchQueue;
+}
+
+namespace velmorad {
+
+inline constexpr const char* kServiceName = "com.vantrel.velmorad-sim";
+inline constexpr const char* kObjectPath = "/com/vantrel/velmorad";
+inline constexpr const char* kInterfaceName = "com.vantrel.velmorad";
+inline constexpr const char* kErrorDomain = "com.vantrel.velmorad";
+
+// Error codes of "error" replies.
+inline constexpr std::int64_t kErrorMalformedRequest = 1;
+inline constexpr std::int64_t kErrorUnknownMessage = 2;
+inline constexpr std::int64_t kErrorNoStore = 3;
+inline constexpr std::int64_t kErrorWriteFailed = 4;
+inline constexpr std::int64_t kErrorNotPermitted = 5;
+
+// The "error" reply {"error": {"domain", "code", "userinfo": {"description"}}}.
+// Pure; caller owns it.
+velmora::PropertyList makeErrorReply(std::int64_t code, const std::string& description);
+
+class Daemon {
+ public:
+  // busAddress empty: the user's session bus. Connects to nothing yet;
+  // never fails or blocks.
+  explicit Daemon(std::string busAddress);
+  // Closes the connection (after run() has returned). Bus thread.
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Connects, takes the name and serves until SIGTERM/SIGINT or the bus goes
+  // away; SIGTERM and SIGINT must already be blocked in every thread (main()
+  // does it before any thread starts). Returns the process exit status: 0
+  // after an orderly stop, 1 when the bus or the name cannot be had. Blocks
+  // the calling thread, which becomes the bus thread.
+  int run();
+
+ private:
+  struct StoreEntry;
+  struct Request;
+
+  friend struct BusCallbacks;  // the sd-bus callbacks (Daemon.cpp)
+
+  // Bus thread: parses call and answers it at once or hands it to a queue
+  // (with its own reference to call). Never blocks on disk.
+  void handleRequest(sd_bus_message* call);
+  // The sender's application (nullopt with *why set when unknown) and
+  // whether it runs in a sandbox. Blocks for a bus round trip when the
+  // message carries no credentials, and on small /proc reads.
+  std::optional<std::string> senderApplication(sd_bus_message* call, bool* sandboxed, std::string* why);
+  // Bus thread: sends reply to call (a failure is logged); call stays the caller's.
+  void sendNow(sd_bus_message* call, const velmora::PropertyList& reply);
+  // Bus thread: sends every queued reply and drops their call references.
+  void drainOutbox();
+  // Bus thread: name left the bus; each store forgets it on its own queue.
+  void clientGone(const std::string& name);
+  // Any thread: queues a reply for the bus thread (takes over call's reference).
+  void postReply(sd_bus_message* call, velmora::PropertyList reply);
+
+  // Any thread: the entry for a store file, made on first use (shared with
+  // the registry). Takes registryMutex_ briefly; never fails.
+  std::shared_ptr<StoreEntry> storeFor(const std::string& path);
+  // Any thread: a snapshot of every entry, registry order.
+  std::vector<std::shared_ptr<StoreEntry>> allStores();
+
+  // On entry's queue: the reply dictionary for one store request (register,
+  // unregister, synchronize, discardJournalEntries, printDebugDescription).
+  // Blocks on file I/O; errors become "error" replies.
+  velmora::PropertyList perform(StoreEntry& entry, const Request& request);
+  // On the global queue: the replies of "resetapps" and "migrate". Sync onto
+  // store queues; block on file I/O.
+  velmora::PropertyList resetApps();
+  velmora::PropertyList migrate(const std::string& applicationID);
+
+  const std::string busAddress_;                               // immutable
+  sd_bus* bus_ = nullptr;                                      // bus thread only
+  int wakeFd_ = -1;                                            // eventfd; set by run() before any queue work
+  const std::shared_ptr<velmora::DispatchQueue> globalQueue_;  // immutable
+  const StoreLimits limits_;                                   // immutable
+
+  std::mutex registryMutex_;
+  std::map<std::string, std::shared_ptr<StoreEntry>> stores_;  // guarded by registryMutex_
+
+  std::mutex outboxMutex_;
+  std::vector<std::pair<sd_bus_message*, velmora::PropertyList>> outbox_;  // guarded by outboxMutex_
+
+  // What senderApplication() learnt about one sender.
+  struct SenderIdentity {
+    std::optional<std::string> application;
+    bool sandboxed = false;
+  };
+  std::map<std::string, SenderIdentity> senders_;  // bus thread only; unique name -> identity
+
+  std::mutex defaultsMutex_;
+  std::map<std::string, velmora::PropertyList> defaultsConfigs_;  // guarded by defaultsMutex_
+};
+
+}  // namespace velmorad

@@ -1,0 +1,348 @@
+#include "Store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <memory>
+#include <sstream>
+
+#include "velmora/platform/Log.h"
+#include "velmora/platform/PlistCodec.h"
+#include "zkv/ZKVEncoding.h"
+#include "zkv/ZKVJournal.h"
+#include "zkv/ZKVLog.h"
+
+namespace velmorad {
+
+using velmora::LogLevel;
+using velmora::PlistDictionary;
+using velmora::PropertyList;
+
+namespace {
+
+const velmora::LogHandle& log() { return *ZKVGetDefaultLog(); }
+
+std::string errnoText(const char* what, const std::filesystem::path& path) {
+  return std::string(what) + " " + path.string() + ": " + std::strerror(errno);
+}
+
+// Creates each missing directory of dir with mode 0700.
+bool makeDirectories(const std::filesystem::path& dir, std::string* error) {
+  struct stat info{};
+  if (::stat(dir.c_str(), &info) == 0) return S_ISDIR(info.st_mode);
+  if (dir.has_parent_path() && dir.parent_path() != dir && !makeDirectories(dir.parent_path(), error)) return false;
+  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (error != nullptr) *error = errnoText("mkdir", dir);
+    return false;
+  }
+  return true;
+}
+
+bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+// The serialised size the library's limits count for a record's value; 0
+// when the record does not decode.
+std::uint64_t recordSize(const PropertyList& record) {
+  std::int64_t timestamp = 0;
+  const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp);
+  if (value == nullptr) return 0;
+  const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(*value);
+  return length > 0 ? static_cast<std::uint64_t>(length) : 0;
+}
+
+// The journal entry {"count", "change"} written directly: ZKVJournal treats
+// change 0 as "forget the key", but readers need code 0 to report a change
+// made elsewhere.
+void journalEntry(PlistDictionary& store, const std::string& key, std::int32_t change, std::int64_t count) {
+  PropertyList& journal = store[std::string(kStoreJournalKey)];
+  if (!journal.isDictionary()) journal = PropertyList::dictionary({});
+  (*journal.editDictionary())[key] = velmora::makeDictionary(
+      {{"count", PropertyList::integer(count)}, {"change", PropertyList::integer(change)}});
+}
+
+}  // namespace
+
+PropertyList StoreLimits::dictionary() const {
+  return velmora::makeDictionary({{"maxKeyCount", PropertyList::integer(maxKeyCount)},
+                                  {"maxKeyNameLen", PropertyList::integer(maxKeyNameLen)},
+                                  {"maxKeyDataLen", PropertyList::integer(maxKeyDataLen)},
+                                  {"maxKeyDataSum", PropertyList::integer(maxKeyDataSum)}});
+}
+
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes, std::string* error) {
+  const std::filesystem::path dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
+  if (!makeDirectories(dir, error)) {
+    if (error != nullptr && error->empty()) *error = "not a directory: " + dir.string();
+    return false;
+  }
+  std::string temp = path.string() + ".XXXXXX";
+  const int fd = ::mkstemp(temp.data());
+  if (fd < 0) {
+    if (error != nullptr) *error = errnoText("mkstemp", temp);
+    return false;
+  }
+  bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  if (!ok && error != nullptr) *error = errnoText("write", temp);
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    if (error != nullptr) *error = errnoText("close", temp);
+  }
+  if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
+    ok = false;
+    if (error != nullptr) *error = errnoText("rename", path);
+  }
+  if (!ok) {
+    ::unlink(temp.c_str());
+    return false;
+  }
+  // The rename is durable only once the directory entry is.
+  const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd < 0 || ::fsync(dirFd) != 0) {
+    if (error != nullptr) *error = errnoText("fsync", dir);
+    if (dirFd >= 0) ::close(dirFd);
+    return false;
+  }
+  ::close(dirFd);
+  return true;
+}
+
+Store::Store(std::filesystem::path path) : path_(std::move(path)) {}
+
+void Store::ensureLoaded() {
+  if (contents_) return;
+  contents_.emplace();
+  struct stat info{};
+  if (::stat(path_.c_str(), &info) != 0) return;  // no file yet: an empty store
+
+  PropertyList file = velmora::readPlistFile(path_.string());
+  if (!file.isDictionary()) {
+    const std::string aside = path_.string() + ".corrupt-" + std::to_string(std::time(nullptr));
+    if (::rename(path_.c_str(), aside.c_str()) == 0) {
+      log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged; moved aside to " + aside);
+    } else {
+      log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged and could not be moved aside: " +
+                                     std::strerror(errno));
+    }
+    return;
+  }
+  *contents_ = *file.getDictionary();
+  // Damaged parts read as absent, so every later step sees the usual shape.
+  PlistDictionary& c = *contents_;
+  if (auto it = c.find(kStoreValuesKey); it != c.end() && !it->second.isDictionary()) c.erase(it);
+  if (auto it = c.find(kStoreJournalKey); it != c.end() && !it->second.isDictionary()) c.erase(it);
+  if (auto it = c.find(kStoreChangeCountKey); it != c.end()) {
+    std::int64_t count = 0;
+    if (!it->second.getInt64(count) || count < 0) c.erase(it);
+  }
+}
+
+std::int64_t Store::changeCount() {
+  ensureLoaded();
+  std::int64_t count = 0;
+  if (auto it = contents_->find(kStoreChangeCountKey); it != contents_->end()) (void)it->second.getInt64(count);
+  return count;
+}
+
+std::size_t Store::keyCount() {
+  ensureLoaded();
+  auto it = contents_->find(kStoreValuesKey);
+  return it != contents_->end() ? it->second.count() : 0;
+}
+
+PropertyList Store::contents() {
+  ensureLoaded();
+  return PropertyList::dictionary(*contents_);
+}
+
+bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
+  std::optional<velmora::Bytes> bytes = velmora::encodeBinaryPlist(PropertyList::dictionary(contents));
+  if (!bytes) {
+    if (error != nullptr) *error = "the store cannot be encoded";
+    return false;
+  }
+  return writeFileAtomically(path_, *bytes, error);
+}
+
+ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits) {
+  ApplyOutcome outcome;
+  // Validate everything before touching anything: one bad record refuses all.
+  for (const auto& [key, record] : changes) {
+    if (key.empty()) {
+      outcome.error = "empty key";
+      return outcome;
+    }
+    const PlistDictionary* dict = record.getDictionary();
+    if (dict == nullptr) {
+      outcome.error = "the record for key \"" + key + "\" is not a dictionary";
+      return outcome;
+    }
+    if (dict->empty()) continue;
+    std::int64_t timestamp = 0;
+    if (ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp) == nullptr) {
+      outcome.error = "the record for key \"" + key + "\" does not decode";
+      return outcome;
+    }
+  }
+
+  ensureLoaded();
+  PlistDictionary next = *contents_;
+  PropertyList& valuesSlot = next[std::string(kStoreValuesKey)];
+  if (!valuesSlot.isDictionary()) valuesSlot = PropertyList::dictionary({});
+  PlistDictionary& values = *valuesSlot.editDictionary();
+
+  std::vector<std::string> changed;
+  // Removals first, so that they make room for the values that follow.
+  for (const auto& [key, record] : changes) {
+    if (record.count() != 0) continue;
+    if (values.erase(key) != 0) changed.push_back(key);
+  }
+  std::uint64_t total = 0;
+  for (const auto& [key, record] : values) total += recordSize(record);
+  for (const auto& [key, record] : changes) {
+    if (record.count() == 0) continue;
+    auto existing = values.find(key);
+    const PropertyList previous = existing != values.end() ? existing->second : PropertyList();
+    std::int64_t timestamp = 0;
+    const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp);
+    PropertyList merged = origin == ChangeOrigin::Client
+                              ? ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(*value, timestamp, previous)
+                              : record;
+    if (merged == previous) continue;
+
+    const std::uint64_t oldSize = previous.isNone() ? 0 : recordSize(previous);
+    const std::uint64_t newSize = recordSize(merged);
+    bool fits = true;
+    if (previous.isNone()) {
+      fits = static_cast<std::int64_t>(key.size()) <= limits.maxKeyNameLen &&
+             static_cast<std::int64_t>(values.size()) < limits.maxKeyCount;
+    }
+    if (newSize > static_cast<std::uint64_t>(std::max<std::int64_t>(limits.maxKeyDataLen, 0))) fits = false;
+    // A store already over the sum (filled elsewhere) may still shrink.
+    if (newSize > oldSize && total - oldSize + newSize > static_cast<std::uint64_t>(std::max<std::int64_t>(limits.maxKeyDataSum, 0))) {
+      fits = false;
+    }
+    if (!fits) {
+      outcome.refusedKeys.push_back(key);
+      continue;
+    }
+    total = total - oldSize + newSize;
+    values[key] = std::move(merged);
+    changed.push_back(key);
+  }
+
+  const std::int64_t oldCount = changeCount();
+  outcome.accepted = true;
+  outcome.changeCount = oldCount;
+  if (changed.empty() && outcome.refusedKeys.empty()) return outcome;  // nothing to write
+
+  std::int64_t count = oldCount;
+  if (!changed.empty()) {
+    ++count;
+    for (const std::string& key : changed) journalEntry(next, key, kJournalChangedElsewhere, count);
+    outcome.changeCount = count;
+  }
+  if (!outcome.refusedKeys.empty()) {
+    // Above the answered count: the sender hears of it at its next load.
+    ++count;
+    for (const std::string& key : outcome.refusedKeys) journalEntry(next, key, kJournalQuotaViolation, count);
+  }
+  next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
+
+  std::string error;
+  if (!writeContents(next, &error)) {
+    outcome = ApplyOutcome{};
+    outcome.writeFailed = true;
+    outcome.error = "writing the store failed: " + error;
+    log().log(LogLevel::Error, "Store " + path_.string() + ": " + outcome.error);
+    return outcome;
+  }
+  contents_ = std::move(next);
+  outcome.written = true;
+  return outcome;
+}
+
+void Store::addClient(const std::string& name) { clients_.try_emplace(name, -1); }
+
+bool Store::removeClient(const std::string& name) {
+  if (clients_.erase(name) == 0) return true;
+  return pruneJournal();
+}
+
+bool Store::releaseJournal(const std::string& name, std::int64_t count) {
+  auto it = clients_.find(name);
+  if (it == clients_.end()) return true;  // an unregistered client holds nothing
+  it->second = std::max(it->second, count);
+  return pruneJournal();
+}
+
+std::vector<std::string> Store::clientNames() const {
+  std::vector<std::string> names;
+  for (const auto& [name, released] : clients_) names.push_back(name);
+  return names;
+}
+
+bool Store::pruneJournal() {
+  // With nobody registered, entries stay for whoever loads the file next.
+  if (clients_.empty()) return true;
+  std::int64_t released = std::numeric_limits<std::int64_t>::max();
+  for (const auto& [name, count] : clients_) released = std::min(released, count);
+  if (released < 0) return true;
+  ensureLoaded();
+  auto shared = std::make_shared<PlistDictionary>(*contents_);
+  ZKVJournal journal = ZKVJournal::withMutableStore(shared);
+  if (!journal.removeChangesUntilChangeCount(released)) return true;
+  std::string error;
+  if (!writeContents(*shared, &error)) {
+    log().log(LogLevel::Error, "Store " + path_.string() + ": pruning the journal failed: " + error);
+    return false;
+  }
+  contents_ = std::move(*shared);
+  return true;
+}
+
+bool Store::rewrite() {
+  struct stat info{};
+  if (::stat(path_.c_str(), &info) != 0) return false;
+  forgetContents();
+  ensureLoaded();
+  std::string error;
+  if (!writeContents(*contents_, &error)) {
+    log().log(LogLevel::Error, "Store " + path_.string() + ": rewrite failed: " + error);
+    return false;
+  }
+  return true;
+}
+
+void Store::forgetContents() { contents_.reset(); }
+
+std::string Store::debugDescription() {
+  std::ostringstream out;
+  out << "Store file: " << path_.string() << "\n";
+  out << "Change count: " << changeCount() << "\n";
+  out << "Key count: " << keyCount() << "\n";
+  out << "Registered clients (" << clients_.size() << "):";
+  for (const auto& [name, released] : clients_) out << " " << name << " (released " << released << ")";
+  out << "\n";
+  const ZKVJournal journal = ZKVJournal::withStore(*contents_);
+  out << journal.description() << "\n";
+  out << "Sync state: no server configured\n";
+  return out.str();
+}
+
+}  // namespace velmorad

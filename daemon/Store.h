@@ -1,0 +1,143 @@
+// Store: one application store as the daemon keeps it, the in-memory copy of
+// one store file plus the clients registered for it.
+//
+// Design note
+// - Threads. A Store is not thread-safe: the daemon gives each store its own
+//   serial queue and touches the Store only from there. Nothing here knows
+//   about the bus; a later server-sync engine feeds remote changes through
+//   the same applyChanges() entry point with ChangeOrigin::Server.
+// - File. The file is read on first use and rewritten whole after every
+//   effective change: temporary file beside it, fsync, rename, fsync of the
+//   directory, so a reader sees the old file or the new one, never half. A
+//   file that exists but does not decode is renamed aside and the store
+//   starts empty, so one damaged file never takes the daemon down.
+// - Journal. Each changed key is journaled at the new change count (code 0,
+//   changed elsewhere), keys refused over a limit one count higher (code 2),
+//   so the sender that was answered with the lower count learns of the
+//   refusal at its next load. Entries go once every registered client has
+//   released them (discardJournalEntries).
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "velmora/platform/PropertyList.h"
+
+namespace velmorad {
+
+// Journal change codes the daemon writes.
+inline constexpr std::int32_t kJournalChangedElsewhere = 0;
+inline constexpr std::int32_t kJournalQuotaViolation = 2;
+
+// Store-file keys.
+inline constexpr std::string_view kStoreValuesKey = "values";
+inline constexpr std::string_view kStoreChangeCountKey = "changecount";
+inline constexpr std::string_view kStoreJournalKey = "journal";
+
+// The per-store limits, as "register" and "getConfiguration" hand them out.
+struct StoreLimits {
+  std::int64_t maxKeyCount = 1024;
+  std::int64_t maxKeyNameLen = 64;
+  std::int64_t maxKeyDataLen = 1048576;
+  std::int64_t maxKeyDataSum = 1048576;
+
+  // The configuration dictionary {"maxKeyCount": n, ...}. Pure; caller owns it.
+  velmora::PropertyList dictionary() const;
+};
+
+// Who made a change: a client of this machine, or (later) the sync server.
+enum class ChangeOrigin : std::uint8_t { Client, Server };
+
+// What applyChanges() did. A value type the caller owns.
+struct ApplyOutcome {
+  bool accepted = false;                 // false: the request was refused and nothing changed
+  std::string error;                     // why, when refused
+  bool writeFailed = false;              // refused because the file could not be written
+  bool written = false;                  // the file was rewritten (observers should hear of it)
+  std::int64_t changeCount = 0;          // the count to answer the sender with
+  std::vector<std::string> refusedKeys;  // keys left out over a limit, in key order
+};
+
+// Writes bytes to path atomically and durably (see the design note), the
+// file with mode 0600; creates missing parent directories with mode 0700.
+// Returns true once the new file and its directory entry are on disk; false
+// (with *error set when given) leaves the old file untouched. Blocks on I/O.
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                         std::string* error = nullptr);
+
+class Store {
+ public:
+  // A store for the file at path. Reads nothing yet. Never fails or blocks.
+  explicit Store(std::filesystem::path path);
+
+  // The store file's location. Immutable; borrowed.
+  const std::filesystem::path& path() const noexcept { return path_; }
+
+  // Every method below runs on the store's queue only (see the design note).
+
+  // Merges changes (key -> storage record, an empty dictionary removes the
+  // key) into the store. Every record must decode, or the whole request is
+  // refused with nothing changed. Keys that would break limits are left out
+  // and journaled as quota violations. When anything changed, the change
+  // count rises and the file is written durably before this returns; a write
+  // failure refuses the request and leaves memory as it was. Loads the file
+  // first when needed. Blocks on file I/O.
+  ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits);
+
+  // The change count and number of keys; 0 for a store with no file. Load
+  // the file first when needed (blocking on file I/O). Never fail.
+  std::int64_t changeCount();
+  std::size_t keyCount();
+  // The whole store dictionary as it would be written; caller owns it. Loads
+  // like changeCount().
+  velmora::PropertyList contents();
+
+  // Client bookkeeping by bus name. A new client holds every journal entry
+  // until it releases them. removeClient and releaseJournal prune the
+  // journal (and rewrite the file when that removed entries); they return
+  // false only when that write failed. Blocks on file I/O when writing.
+  // A known name stays as it is. Never blocks.
+  void addClient(const std::string& name);
+  // An unknown name changes nothing and returns true.
+  bool removeClient(const std::string& name);
+  // Releases entries up to count (a lower count than before changes nothing);
+  // an unknown name changes nothing and returns true.
+  bool releaseJournal(const std::string& name, std::int64_t count);
+  bool hasClient(const std::string& name) const { return clients_.contains(name); }
+  // The registered names in byte order; caller owns the vector.
+  std::vector<std::string> clientNames() const;
+
+  // Rewrites the file in the current format (only when it exists). Returns
+  // whether a file was written. Blocks on file I/O.
+  bool rewrite();
+
+  // Forgets the loaded copy (after the file was removed behind the store);
+  // the next use reads the file again. Clients stay registered. Never blocks.
+  void forgetContents();
+
+  // A readable, multi-line description for printDebugDescription (file,
+  // counts, clients, journal, sync state); caller owns it. Loads like
+  // changeCount().
+  std::string debugDescription();
+
+ private:
+  // Reads the file into contents_ unless loaded; a damaged file is set aside.
+  void ensureLoaded();
+  // Encodes and writes contents durably; false with *error set on failure.
+  bool writeContents(const velmora::PlistDictionary& contents, std::string* error);
+  // Removes journal entries every client released; writes when any went.
+  // False only when that write failed (memory then keeps the entries).
+  bool pruneJournal();
+
+  const std::filesystem::path path_;                  // immutable
+  std::optional<velmora::PlistDictionary> contents_;  // guarded by the store's queue; nullopt until loaded
+  std::map<std::string, std::int64_t> clients_;       // guarded by the store's queue; bus name -> highest
+                                                      // count it released (-1: none)
+};
+
+}  // namespace velmorad

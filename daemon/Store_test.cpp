@@ -1,0 +1,296 @@
+// The daemon's store layer over real files in a scratch directory.
+#include "Store.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "velmora/platform/PlistCodec.h"
+#include "zkv/ZKVEncoding.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using velmora::makeDictionary;
+using velmora::PlistDictionary;
+using velmora::PropertyList;
+using velmorad::ApplyOutcome;
+using velmorad::ChangeOrigin;
+using velmorad::Store;
+using velmorad::StoreLimits;
+
+PropertyList record(const std::string& text, std::int64_t timestamp = 1000) {
+  return ZKVCreateStorageForPropertyListAndTimestamp(PropertyList::string(text), timestamp);
+}
+
+const PropertyList kRemoval = PropertyList::dictionary({});
+
+class StoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/velmorad-store-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    root_ = pattern;
+    // Two levels that do not exist yet, as ~/Library/Quellstore on a new account.
+    path_ = root_ / "Library" / "Quellstore" / "com.example.app.plist";
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  ApplyOutcome apply(Store& store, PlistDictionary changes, const StoreLimits& limits = {}) {
+    return store.applyChanges(changes, ChangeOrigin::Client, limits);
+  }
+  PropertyList onDisk() const { return velmora::readPlistFile(path_.string()); }
+  static std::int64_t integerAt(const PropertyList& dict, std::initializer_list<std::string_view> keys) {
+    const PropertyList* at = &dict;
+    for (std::string_view key : keys) {
+      at = at->find(key);
+      if (at == nullptr) return -99;
+    }
+    std::int64_t value = -99;
+    (void)at->getInt64(value);
+    return value;
+  }
+  ino_t inode() const {
+    struct stat info{};
+    return ::stat(path_.c_str(), &info) == 0 ? info.st_ino : 0;
+  }
+
+  fs::path root_;
+  fs::path path_;
+};
+
+TEST_F(StoreTest, SetAndRemoveCountJournalAndPersist) {
+  Store store(path_);
+  ApplyOutcome first = apply(store, {{"a", record("1")}, {"b", record("2")}});
+  ASSERT_TRUE(first.accepted) << first.error;
+  EXPECT_TRUE(first.written);
+  EXPECT_EQ(first.changeCount, 1);
+
+  PropertyList file = onDisk();
+  EXPECT_EQ(integerAt(file, {"changecount"}), 1);
+  EXPECT_EQ(*file.find("values")->find("a"), record("1"));
+  EXPECT_EQ(integerAt(file, {"journal", "a", "count"}), 1);
+  EXPECT_EQ(integerAt(file, {"journal", "a", "change"}), velmorad::kJournalChangedElsewhere);
+
+  ApplyOutcome second = apply(store, {{"a", kRemoval}});
+  ASSERT_TRUE(second.accepted);
+  EXPECT_EQ(second.changeCount, 2);
+  file = onDisk();
+  EXPECT_EQ(file.find("values")->find("a"), nullptr);
+  EXPECT_NE(file.find("values")->find("b"), nullptr);
+  EXPECT_EQ(integerAt(file, {"journal", "a", "count"}), 2);
+  EXPECT_EQ(integerAt(file, {"journal", "b", "count"}), 1);
+
+  // A fresh store over the same file (a restarted daemon) carries on.
+  Store reopened(path_);
+  EXPECT_EQ(reopened.changeCount(), 2);
+  EXPECT_EQ(reopened.keyCount(), 1u);
+  EXPECT_EQ(apply(reopened, {{"c", record("3")}}).changeCount, 3);
+}
+
+TEST_F(StoreTest, NothingChangedWritesNothing) {
+  Store store(path_);
+  // Removing an absent key on a new store: no file appears.
+  ApplyOutcome none = apply(store, {{"ghost", kRemoval}});
+  ASSERT_TRUE(none.accepted);
+  EXPECT_FALSE(none.written);
+  EXPECT_EQ(none.changeCount, 0);
+  EXPECT_FALSE(fs::exists(path_));
+
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+  const ino_t before = inode();
+  // The same record again, and an empty change set: same count, file untouched.
+  for (const PlistDictionary& changes : {PlistDictionary{{"a", record("1")}}, PlistDictionary{}}) {
+    ApplyOutcome again = apply(store, changes);
+    ASSERT_TRUE(again.accepted);
+    EXPECT_FALSE(again.written);
+    EXPECT_EQ(again.changeCount, 1);
+  }
+  EXPECT_EQ(inode(), before);  // every write renames a new file into place
+}
+
+TEST_F(StoreTest, NewRecordKeepsThePreviousRemoteValue) {
+  const PropertyList remote = PropertyList::data(velmora::Bytes{1, 2, 3});
+  const PropertyList withRemote = ZKVCreateStorageForPropertyListTimestampAndRemoteValue(
+      PropertyList::string("old"), 500, remote);
+  ASSERT_TRUE(velmorad::writeFileAtomically(
+      path_, *velmora::encodeBinaryPlist(makeDictionary(
+                 {{"values", makeDictionary({{"k", withRemote}})}, {"changecount", PropertyList::integer(7)}}))));
+  Store store(path_);
+  ApplyOutcome outcome = apply(store, {{"k", record("new", 600)}});
+  ASSERT_TRUE(outcome.accepted);
+  EXPECT_EQ(outcome.changeCount, 8);
+  const PropertyList stored = *onDisk().find("values")->find("k");
+  std::int64_t timestamp = 0;
+  const PropertyList* remoteValue = nullptr;
+  const PropertyList* value = ZKVGetPropertyListAndTimestampAndRemoteValueFromStorage(stored, &timestamp, &remoteValue);
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(*value, PropertyList::string("new"));
+  EXPECT_EQ(timestamp, 600);
+  ASSERT_NE(remoteValue, nullptr);
+  EXPECT_EQ(*remoteValue, remote);
+}
+
+TEST_F(StoreTest, OneBadRecordRefusesTheWholeRequest) {
+  Store store(path_);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).accepted);
+  const PropertyList before = onDisk();
+  for (const PropertyList& bad :
+       {makeDictionary({{"value", PropertyList::string("x")}}),            // no timestamp
+        makeDictionary({{"timestamp", PropertyList::integer(0)}, {"value", PropertyList::string("x")}}),
+        PropertyList::string("not a record"), PropertyList::integer(3)}) {
+    ApplyOutcome outcome = apply(store, {{"a", kRemoval}, {"b", record("2")}, {"z", bad}});
+    EXPECT_FALSE(outcome.accepted) << bad.description();
+    EXPECT_FALSE(outcome.writeFailed);
+    EXPECT_FALSE(outcome.error.empty());
+  }
+  EXPECT_EQ(onDisk(), before);
+  EXPECT_EQ(store.changeCount(), 1);
+  EXPECT_EQ(store.keyCount(), 1u);
+}
+
+TEST_F(StoreTest, WriteIsPrivateAndLeavesNoTemporaryFiles) {
+  Store store(path_);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+  ASSERT_TRUE(apply(store, {{"a", record("2")}}).written);
+  struct stat info{};
+  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  ASSERT_EQ(::stat(path_.parent_path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  ASSERT_EQ(::stat(path_.parent_path().parent_path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  int entries = 0;
+  for (const auto& item : fs::directory_iterator(path_.parent_path())) {
+    ++entries;
+    EXPECT_EQ(item.path(), path_);
+  }
+  EXPECT_EQ(entries, 1);
+  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 2);
+}
+
+TEST_F(StoreTest, WriteFailureLeavesMemoryAndFileAsTheyWere) {
+  Store store(path_);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+  // The directory turns into a plain file (works whatever our privileges).
+  const fs::path dir = path_.parent_path();
+  const fs::path moved = root_ / "moved-away";
+  fs::rename(dir, moved);
+  { std::ofstream(dir) << "in the way"; }
+  ApplyOutcome failed = apply(store, {{"b", record("2")}});
+  fs::remove(dir);
+  fs::rename(moved, dir);
+  EXPECT_FALSE(failed.accepted);
+  EXPECT_TRUE(failed.writeFailed);
+  EXPECT_EQ(store.changeCount(), 1);
+  EXPECT_EQ(store.keyCount(), 1u);
+  // The next attempt succeeds at the next count, not one further.
+  EXPECT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+}
+
+TEST_F(StoreTest, DamagedFileIsSetAsideAndTheStoreStartsEmpty) {
+  fs::create_directories(path_.parent_path());
+  { std::ofstream(path_) << "bplist00 this is not a property list"; }
+  Store store(path_);
+  EXPECT_EQ(store.changeCount(), 0);
+  EXPECT_EQ(store.keyCount(), 0u);
+  ApplyOutcome outcome = apply(store, {{"a", record("1")}});
+  ASSERT_TRUE(outcome.accepted);
+  EXPECT_EQ(outcome.changeCount, 1);
+  int asides = 0;
+  for (const auto& item : fs::directory_iterator(path_.parent_path())) {
+    if (item.path().filename().string().starts_with("com.example.app.plist.corrupt-")) {
+      ++asides;
+      std::ifstream in(item.path());
+      std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      EXPECT_EQ(text, "bplist00 this is not a property list");
+    }
+  }
+  EXPECT_EQ(asides, 1);
+  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 1);
+}
+
+TEST_F(StoreTest, DamagedPartsReadAsAbsent) {
+  // A dictionary whose parts have the wrong types: values as an array,
+  // a negative count, a journal that is a string.
+  ASSERT_TRUE(velmorad::writeFileAtomically(
+      path_, *velmora::encodeBinaryPlist(makeDictionary({{"values", velmora::makeArray({PropertyList::integer(1)})},
+                                                         {"changecount", PropertyList::integer(-4)},
+                                                         {"journal", PropertyList::string("x")}}))));
+  Store store(path_);
+  EXPECT_EQ(store.changeCount(), 0);
+  EXPECT_EQ(store.keyCount(), 0u);
+  ApplyOutcome outcome = apply(store, {{"a", record("1")}});
+  EXPECT_EQ(outcome.changeCount, 1);
+  EXPECT_EQ(integerAt(onDisk(), {"journal", "a", "count"}), 1);
+}
+
+TEST_F(StoreTest, KeysOverALimitAreJournaledAboveTheAnsweredCount) {
+  StoreLimits limits;
+  limits.maxKeyCount = 2;
+  limits.maxKeyNameLen = 4;
+  limits.maxKeyDataLen = 250;
+  limits.maxKeyDataSum = 250;
+  Store store(path_);
+  const std::string big(100, 'x');
+  ApplyOutcome outcome = apply(store,
+                               {{"long-name", record("1")},                       // name too long
+                                {"a", record("1")},
+                                {"b", record(std::string(250, 'y'))},             // one value too large
+                                {"c", record(big)},
+                                {"d", record(big)}},                              // third key
+                               limits);
+  ASSERT_TRUE(outcome.accepted);
+  EXPECT_EQ(outcome.changeCount, 1);
+  EXPECT_EQ(outcome.refusedKeys, (std::vector<std::string>{"b", "d", "long-name"}));
+  const PropertyList file = onDisk();
+  EXPECT_EQ(integerAt(file, {"changecount"}), 2);
+  EXPECT_EQ(file.find("values")->count(), 2u);
+  for (const char* key : {"b", "d", "long-name"}) {
+    EXPECT_EQ(integerAt(file, {"journal", key, "change"}), velmorad::kJournalQuotaViolation) << key;
+    EXPECT_EQ(integerAt(file, {"journal", key, "count"}), 2) << key;
+  }
+  EXPECT_EQ(integerAt(file, {"journal", "a", "count"}), 1);
+
+  // The sum: a bigger "c" fits its own limit but not the sum; shrinking is fine.
+  ApplyOutcome sum = apply(store, {{"c", record(std::string(180, 'z'))}}, limits);
+  EXPECT_EQ(sum.refusedKeys, std::vector<std::string>{"c"});
+  EXPECT_EQ(sum.changeCount, 2);  // nothing stored: the count answered stays
+  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 3);
+  ApplyOutcome shrink = apply(store, {{"c", record("small")}}, limits);
+  EXPECT_TRUE(shrink.refusedKeys.empty());
+  EXPECT_EQ(shrink.changeCount, 4);
+
+  // A removal in the same request makes room for a new key.
+  ApplyOutcome swap = apply(store, {{"a", kRemoval}, {"e", record("5")}}, limits);
+  EXPECT_TRUE(swap.refusedKeys.empty());
+  EXPECT_EQ(store.keyCount(), 2u);
+}
+
+TEST_F(StoreTest, JournalEntriesGoOnceEveryClientReleasedThem) {
+  Store store(path_);
+  store.addClient(":1.1");
+  store.addClient(":1.2");
+  ASSERT_EQ(apply(store, {{"a", record("1")}}).changeCount, 1);
+  ASSERT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+
+  EXPECT_TRUE(store.releaseJournal(":1.1", 2));
+  EXPECT_NE(onDisk().find("journal"), nullptr);  // :1.2 still holds both
+  EXPECT_TRUE(store.releaseJournal(":1.2", 1));
+  EXPECT_EQ(onDisk().find("journal")->find("a"), nullptr);
+  EXPECT_NE(onDisk().find("journal")->find("b"), nullptr);
+  // A release from a stranger and a smaller one change nothing.
+  EXPECT_TRUE(store.releaseJournal(":1.9", 5));
+  EXPECT_TRUE(store.releaseJournal(":1.1", 0));
+  EXPECT_NE(onDisk().find("journal")->find("b"), nullptr);
+  // The holder leaves: what the other released goes.
+  EXPECT_TRUE(store.removeClient(":1.2"));
+  EXPECT_EQ(onDisk().find("journal"), nullptr);
+  EXPECT_EQ(store.clientNames(), std::vector<std::string>{":1.1"});
+  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 2);
+}
+
+}  // namespace

@@ -1,0 +1,595 @@
+// The real velmorad, started by D-Bus activation on the private bus, with
+// store files in a scratch home: raw bus clients for the wire contract, the
+// real library for the end-to-end change path.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "PrivateBus.h"
+#include "velmora/platform/DbusValue.h"
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Ipc.h"
+#include "velmora/platform/PlistCodec.h"
+#include "zkv/NimbrelStore.h"
+#include "zkv/ZKVClient.h"
+#include "zkv/ZKVEncoding.h"
+#include "zkv/ZKVRemotePreferencesSource.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using velmora::makeDictionary;
+using velmora::PlistDictionary;
+using velmora::PropertyList;
+using velmora::testing::waitUntil;
+
+constexpr auto kPatience = 10s;
+constexpr const char* kService = "com.vantrel.velmorad-sim";
+
+PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
+PropertyList record(const std::string& text) {
+  return ZKVCreateStorageForPropertyListAndTimestamp(PropertyList::string(text), 1000);
+}
+
+// The real environment with the scratch home the daemon was started with.
+class DaemonHomeEnvironment final : public velmora::Environment {
+ public:
+  explicit DaemonHomeEnvironment(std::string home) : home_(std::move(home)) {}
+  std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
+  std::optional<std::string> homeDirectory() const override { return home_; }
+  double absoluteTime() const override { return system_.absoluteTime(); }
+  std::optional<std::string> hostApplicationIdentifier() const override { return "com.example.velmorad-test"; }
+  bool isSandboxed() const override { return false; }
+
+ private:
+  velmora::SystemEnvironment system_;
+  const std::string home_;
+};
+
+// The scratch home, removed at exit (a plain buffer: it must outlive the
+// static strings destroyed before atexit handlers registered earlier run).
+char gHomeToRemove[64];
+
+// One scratch home per test process: the daemon is activated once per bus
+// and keeps the home it was started with.
+const std::string& scratchHome() {
+  static const std::string home = [] {
+    char pattern[] = "/tmp/velmorad-home-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) std::abort();
+    velmora::testing::PrivateBus::instance().installService(
+        kService, {"/usr/bin/env", std::string("HOME=") + pattern, VELMORA_BINARY_DIR "/daemon/velmorad"});
+    velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(pattern));
+    std::snprintf(gHomeToRemove, sizeof gHomeToRemove, "%s", pattern);
+    std::atexit([] {
+      std::error_code ignored;
+      fs::remove_all(gHomeToRemove, ignored);
+    });
+    return std::string(pattern);
+  }();
+  return home;
+}
+
+fs::path storePath(const std::string& app) { return fs::path(scratchHome()) / "Library/Quellstore" / (app + ".plist"); }
+
+// A bus connection of its own (its own unique name) speaking the daemon's
+// method directly.
+class RawClient {
+ public:
+  RawClient() {
+    scratchHome();
+    EXPECT_GE(sd_bus_open_user(&bus_), 0);
+  }
+  ~RawClient() { close(); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  void close() {
+    if (bus_ != nullptr) bus_ = sd_bus_flush_close_unref(bus_);
+  }
+  sd_bus* bus() const { return bus_; }
+  std::string uniqueName() const {
+    const char* name = nullptr;
+    sd_bus_get_unique_name(bus_, &name);
+    return name != nullptr ? name : "";
+  }
+
+  // Sends body as the one a{sv} argument; the reply dictionary, or none
+  // (with a test failure) when no such reply came.
+  PropertyList request(const PropertyList& body) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message* reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(body);
+    EXPECT_TRUE(object.has_value());
+    if (!object) return {};
+    int r = sd_bus_message_new_method_call(bus_, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
+                                           "Request");
+    if (r >= 0) r = velmora::appendIpcObject(call, *object);
+    if (r >= 0) r = sd_bus_call(bus_, call, 20'000'000, &error, &reply);
+    EXPECT_GE(r, 0) << "call failed: " << (error.message != nullptr ? error.message : strerror(-r));
+    std::optional<PropertyList> result;
+    if (r >= 0) result = velmora::readDbusDictionary(reply);
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(call);
+    sd_bus_message_unref(reply);
+    return result.value_or(PropertyList());
+  }
+
+  // Sends body flagged as wanting no reply; false when it could not be sent.
+  bool sendWithoutReply(const PropertyList& body) {
+    sd_bus_message* call = nullptr;
+    int r = sd_bus_message_new_method_call(bus_, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
+                                           "Request");
+    if (r >= 0) r = sd_bus_message_set_expect_reply(call, 0);
+    if (r >= 0) r = velmora::appendIpcObject(call, *velmora::ipcObjectFromPropertyList(body));
+    if (r >= 0) r = sd_bus_send(bus_, call, nullptr);
+    sd_bus_message_unref(call);
+    return r >= 0;
+  }
+
+  PropertyList request(std::string message, PropertyList userInfo, std::optional<std::string> bundle) {
+    PlistDictionary body{{"message", str(std::move(message))}};
+    if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
+    if (bundle) body.emplace("bundleIdentifier", str(*bundle));
+    return request(PropertyList::dictionary(std::move(body)));
+  }
+
+  // The daemon's pid through the bus, or 0.
+  pid_t daemonPid() {
+    sd_bus_message* reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    std::uint32_t pid = 0;
+    if (sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "GetConnectionUnixProcessID", &error, &reply, "s", kService) >= 0) {
+      sd_bus_message_read(reply, "u", &pid);
+    }
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    return static_cast<pid_t>(pid);
+  }
+  bool daemonHasOwner() {
+    sd_bus_message* reply = nullptr;
+    int has = 0;
+    if (sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "NameHasOwner", nullptr, &reply, "s", kService) >= 0) {
+      sd_bus_message_read(reply, "b", &has);
+    }
+    sd_bus_message_unref(reply);
+    return has != 0;
+  }
+  std::string introspect() {
+    sd_bus_message* reply = nullptr;
+    const char* xml = nullptr;
+    std::string text;
+    if (sd_bus_call_method(bus_, kService, "/com/vantrel/velmorad", "org.freedesktop.DBus.Introspectable",
+                           "Introspect", nullptr, &reply, "") >= 0 &&
+        sd_bus_message_read(reply, "s", &xml) >= 0) {
+      text = xml;
+    }
+    sd_bus_message_unref(reply);
+    return text;
+  }
+
+ private:
+  sd_bus* bus_ = nullptr;
+};
+
+std::int64_t integerAt(const PropertyList& dict, std::initializer_list<std::string_view> keys) {
+  const PropertyList* at = &dict;
+  for (std::string_view key : keys) {
+    at = at->find(key);
+    if (at == nullptr) return -99;
+  }
+  std::int64_t value = -99;
+  (void)at->getInt64(value);
+  return value;
+}
+
+bool isErrorReply(const PropertyList& reply) {
+  const PropertyList* error = reply.find("error");
+  return error != nullptr && error->find("domain") != nullptr && error->find("domain")->isString() &&
+         error->find("code") != nullptr && error->find("code")->isInteger() &&
+         error->find("userinfo") != nullptr && error->find("userinfo")->find("description") != nullptr &&
+         reply.find("userinfo") == nullptr;
+}
+
+TEST(VelmoradBus, ActivatedAndIntrospectable) {
+  RawClient client;
+  EXPECT_EQ(client.request("ping", {}, std::nullopt), makeDictionary({{"userinfo", PropertyList::dictionary({})}}));
+  const std::string xml = client.introspect();
+  EXPECT_NE(xml.find("com.vantrel.velmorad"), std::string::npos);
+  EXPECT_NE(xml.find("\"Request\""), std::string::npos);
+  EXPECT_GT(client.daemonPid(), 0);
+
+  const PropertyList configuration = client.request("getConfiguration", {}, std::nullopt);
+  EXPECT_EQ(integerAt(configuration, {"userinfo", "maxKeyCount"}), 1024);
+  EXPECT_EQ(integerAt(configuration, {"userinfo", "maxKeyNameLen"}), 64);
+  EXPECT_EQ(integerAt(configuration, {"userinfo", "maxKeyDataLen"}), 1048576);
+  EXPECT_EQ(integerAt(configuration, {"userinfo", "maxKeyDataSum"}), 1048576);
+  for (const char* message : {"synchronizeRemote", "trackSynchronizeRemote"}) {
+    EXPECT_EQ(client.request(message, {}, "com.example.idle"),
+              makeDictionary({{"userinfo", PropertyList::dictionary({})}}));
+  }
+}
+
+TEST(VelmoradBus, MalformedRequestsGetErrorRepliesAndChangeNothing) {
+  RawClient client;
+  const std::string app = "com.example.malformed";
+  const std::vector<PropertyList> bodies = {
+      PropertyList::dictionary({}),                                               // no message
+      makeDictionary({{"message", PropertyList::integer(3)}}),                    // message not a string
+      makeDictionary({{"message", str("fly")}, {"bundleIdentifier", str(app)}}),  // unknown message
+      makeDictionary({{"message", str("synchronize")}, {"bundleIdentifier", PropertyList::integer(1)}}),
+      makeDictionary({{"message", str("synchronize")}, {"bundleIdentifier", str("../escape")}}),
+      makeDictionary({{"message", str("synchronize")},
+                      {"bundleIdentifier", str(app)},
+                      {"additionalStore", PropertyList::integer(1)}}),
+      makeDictionary({{"message", str("synchronize")}, {"bundleIdentifier", str(app)}, {"additionalStore",
+                      PropertyList::boolean(true)}}),  // additional store without a storeIdentifier
+      makeDictionary({{"message", str("synchronize")}, {"bundleIdentifier", str(app)}}),  // no userinfo
+      makeDictionary({{"message", str("synchronize")},
+                      {"bundleIdentifier", str(app)},
+                      {"userinfo", makeDictionary({{"changes", str("k")}})}}),
+      makeDictionary({{"message", str("synchronize")},
+                      {"bundleIdentifier", str(app)},
+                      {"userinfo", makeDictionary({{"changes", makeDictionary({{"good", record("1")},
+                                                                               {"bad", makeDictionary({{"value", str("x")}})}})},
+                                                   {"changecount", PropertyList::integer(0)}})}}),
+      makeDictionary({{"message", str("discardJournalEntries")},
+                      {"bundleIdentifier", str(app)},
+                      {"userinfo", str("three")}}),
+      makeDictionary({{"message", str("migrate")}, {"userinfo", makeDictionary({{"parameter", str("a/b")}})}}),
+  };
+  for (const PropertyList& body : bodies) {
+    EXPECT_TRUE(isErrorReply(client.request(body))) << body.description();
+  }
+  EXPECT_FALSE(fs::exists(storePath(app)));
+  EXPECT_EQ(client.request("ping", {}, std::nullopt), makeDictionary({{"userinfo", PropertyList::dictionary({})}}));
+}
+
+TEST(VelmoradBus, SynchronizeIsDurableBeforeTheReply) {
+  RawClient client;
+  const std::string app = "com.example.durable";
+  const PropertyList changes = makeDictionary({{"a", record("1")}, {"b", record("2")}});
+  PropertyList reply = client.request(
+      "synchronize", makeDictionary({{"changes", changes}, {"changecount", PropertyList::integer(0)}}), app);
+  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
+  // No waiting: the reply comes only once the file is in place.
+  const PropertyList file = velmora::readPlistFile(storePath(app).string());
+  EXPECT_EQ(integerAt(file, {"changecount"}), 1);
+  ASSERT_NE(file.find("values"), nullptr);
+  EXPECT_EQ(*file.find("values"), changes);
+  struct stat info{};
+  ASSERT_EQ(::stat(storePath(app).c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  const ino_t inode = info.st_ino;
+
+  // The same again changes nothing and writes nothing.
+  reply = client.request("synchronize",
+                         makeDictionary({{"changes", changes}, {"changecount", PropertyList::integer(1)}}), app);
+  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
+  ASSERT_EQ(::stat(storePath(app).c_str(), &info), 0);
+  EXPECT_EQ(info.st_ino, inode);
+
+  // Removal through an empty dictionary.
+  reply = client.request(
+      "synchronize",
+      makeDictionary({{"changes", makeDictionary({{"a", PropertyList::dictionary({})}})},
+                      {"changecount", PropertyList::integer(1)}}),
+      app);
+  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 2);
+  EXPECT_EQ(velmora::readPlistFile(storePath(app).string()).find("values")->find("a"), nullptr);
+
+  const PropertyList debug = client.request("printDebugDescription", {}, app);
+  const PropertyList* text = debug.find("userinfo");
+  ASSERT_TRUE(text != nullptr && text->isString());
+  EXPECT_NE(text->getString()->find("Change count: 2"), std::string::npos) << *text->getString();
+  EXPECT_NE(text->getString()->find("no server configured"), std::string::npos);
+}
+
+TEST(VelmoradBus, JournalEntriesStayUntilEveryRegisteredClientReleasedThem) {
+  const std::string app = "com.example.prune";
+  RawClient first;
+  RawClient second;
+  for (RawClient* client : {&first, &second}) {
+    EXPECT_EQ(integerAt(client->request("register", {}, app), {"userinfo", "maxKeyCount"}), 1024);
+  }
+  const PropertyList reply = first.request(
+      "synchronize",
+      makeDictionary({{"changes", makeDictionary({{"k", record("v")}})}, {"changecount", PropertyList::integer(0)}}),
+      app);
+  ASSERT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
+  auto journal = [&] { return velmora::readPlistFile(storePath(app).string()).find("journal") != nullptr; };
+  ASSERT_TRUE(journal());
+
+  first.request("discardJournalEntries", PropertyList::integer(1), app);
+  EXPECT_TRUE(journal());  // the second still holds it
+  // The second leaves the bus without a word: it holds nothing any more.
+  second.close();
+  EXPECT_TRUE(waitUntil([&] { return !journal(); }, kPatience));
+  EXPECT_EQ(integerAt(velmora::readPlistFile(storePath(app).string()), {"changecount"}), 1);
+}
+
+TEST(VelmoradBus, KeysOverTheLimitsAreRefusedAndJournaled) {
+  RawClient client;
+  const std::string app = "com.example.quota";
+  const std::string longKey(65, 'k');
+  const PropertyList reply = client.request(
+      "synchronize",
+      makeDictionary({{"changes", makeDictionary({{longKey, record("v")}, {"fine", record("v")}})},
+                      {"changecount", PropertyList::integer(0)}}),
+      app);
+  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
+  const PropertyList file = velmora::readPlistFile(storePath(app).string());
+  EXPECT_EQ(integerAt(file, {"changecount"}), 2);
+  EXPECT_EQ(file.find("values")->find(longKey), nullptr);
+  EXPECT_EQ(integerAt(file, {"journal", longKey, "change"}), 2);
+  EXPECT_EQ(integerAt(file, {"journal", longKey, "count"}), 2);
+}
+
+TEST(VelmoradBus, AFireAndForgetRequestIsStillCarriedOut) {
+  RawClient client;
+  const std::string app = "com.example.noreply";
+  ASSERT_TRUE(client.sendWithoutReply(makeDictionary(
+      {{"message", str("synchronize")},
+       {"bundleIdentifier", str(app)},
+       {"userinfo", makeDictionary({{"changes", makeDictionary({{"k", record("v")}})},
+                                    {"changecount", PropertyList::integer(0)}})}})));
+  // Requests of one store run in order: the answer to this one comes after.
+  const PropertyList debug = client.request("printDebugDescription", {}, app);
+  ASSERT_TRUE(debug.find("userinfo") != nullptr && debug.find("userinfo")->isString());
+  EXPECT_NE(debug.find("userinfo")->getString()->find("Change count: 1"), std::string::npos);
+  EXPECT_EQ(integerAt(velmora::readPlistFile(storePath(app).string()), {"changecount"}), 1);
+}
+
+TEST(VelmoradBus, TheStoreIsTheSendersOwnUnlessOneIsNamed) {
+  RawClient client;
+  const PropertyList changes =
+      makeDictionary({{"changes", makeDictionary({{"k", record("v")}})}, {"changecount", PropertyList::integer(0)}});
+  // No bundleIdentifier: the daemon asks the bus who we are.
+  const std::optional<std::string> self = velmora::applicationIdentifierOfProcess(getpid());
+  ASSERT_TRUE(self.has_value());
+  EXPECT_EQ(integerAt(client.request("synchronize", changes, std::nullopt), {"userinfo", "changecount"}), 1);
+  EXPECT_TRUE(fs::exists(storePath(*self)));
+
+  // An additional store of a named application has a file of its own.
+  const PropertyList reply = client.request(makeDictionary({{"message", str("synchronize")},
+                                                            {"bundleIdentifier", str("com.example.extra")},
+                                                            {"storeIdentifier", str("second")},
+                                                            {"additionalStore", PropertyList::boolean(true)},
+                                                            {"userinfo", changes}}));
+  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
+  EXPECT_TRUE(fs::exists(storePath("com.example.extra-second")));
+  EXPECT_FALSE(fs::exists(storePath("com.example.extra")));
+}
+
+TEST(VelmoradBus, ManySendersToOneStoreAreServedInOrder) {
+  scratchHome();  // the bus dies with the thread that started it: start it here
+  const std::string app = "com.example.busy";
+  constexpr int kSenders = 4;
+  constexpr int kEach = 15;
+  std::vector<std::vector<std::int64_t>> counts(kSenders);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kSenders; ++t) {
+    threads.emplace_back([&, t] {
+      RawClient client;
+      for (int i = 0; i < kEach; ++i) {
+        const std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
+        const PropertyList reply = client.request(
+            "synchronize",
+            makeDictionary({{"changes", makeDictionary({{key, record("v")}})}, {"changecount", PropertyList::integer(0)}}),
+            app);
+        counts[t].push_back(integerAt(reply, {"userinfo", "changecount"}));
+        // Pings from the same senders are answered in between.
+        (void)client.request("ping", {}, std::nullopt);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::set<std::int64_t> all;
+  for (const auto& mine : counts) {
+    EXPECT_TRUE(std::is_sorted(mine.begin(), mine.end()));
+    all.insert(mine.begin(), mine.end());
+  }
+  // Every write got a count of its own: none lost, none merged.
+  EXPECT_EQ(all.size(), static_cast<std::size_t>(kSenders * kEach));
+  EXPECT_EQ(*all.begin(), 1);
+  EXPECT_EQ(*all.rbegin(), kSenders * kEach);
+  const PropertyList file = velmora::readPlistFile(storePath(app).string());
+  EXPECT_EQ(integerAt(file, {"changecount"}), kSenders * kEach);
+  EXPECT_EQ(file.find("values")->count(), static_cast<std::size_t>(kSenders * kEach));
+}
+
+TEST(VelmoradBus, ManagementMessages) {
+  RawClient client;
+  const PropertyList empty = makeDictionary({{"userinfo", PropertyList::dictionary({})}});
+  const PropertyList changes =
+      makeDictionary({{"changes", makeDictionary({{"k", record("v")}})}, {"changecount", PropertyList::integer(0)}});
+  for (const char* app : {"com.example.m1", "com.example.m2"}) {
+    EXPECT_EQ(integerAt(client.request("synchronize", changes, app), {"userinfo", "changecount"}), 1);
+  }
+  EXPECT_EQ(client.request("setDefaultsConfig", makeDictionary({{"a", PropertyList::integer(1)}}), "com.example.m1"),
+            empty);
+  const PropertyList debug = client.request("printDebugDescription", {}, "com.example.m1");
+  ASSERT_TRUE(debug.find("userinfo") != nullptr && debug.find("userinfo")->isString());
+  EXPECT_NE(debug.find("userinfo")->getString()->find("Defaults configuration: {"), std::string::npos);
+  auto listsMe = [&] {
+    const PropertyList text = client.request("printDebugDescription", {}, "com.example.m1");
+    return text.find("userinfo")->getString()->find(client.uniqueName()) != std::string::npos;
+  };
+  EXPECT_FALSE(listsMe());
+  EXPECT_EQ(integerAt(client.request("register", {}, "com.example.m1"), {"userinfo", "maxKeyNameLen"}), 64);
+  EXPECT_TRUE(listsMe());
+  EXPECT_EQ(client.request("unregister", {}, "com.example.m1"), empty);
+  EXPECT_FALSE(listsMe());
+
+  // migrate rewrites the named application's files only.
+  struct stat info{};
+  ASSERT_EQ(::stat(storePath("com.example.m2").c_str(), &info), 0);
+  const ino_t m2 = info.st_ino;
+  EXPECT_EQ(client.request("migrate", makeDictionary({{"parameter", str("com.example.m1")}}), std::nullopt),
+            makeDictionary({{"userinfo", makeDictionary({{"migrated", PropertyList::boolean(true)}})}}));
+  ASSERT_EQ(::stat(storePath("com.example.m2").c_str(), &info), 0);
+  EXPECT_EQ(info.st_ino, m2);
+  EXPECT_EQ(integerAt(velmora::readPlistFile(storePath("com.example.m1").string()), {"changecount"}), 1);
+  EXPECT_EQ(client.request("migrate", makeDictionary({{"parameter", str("com.example.none")}}), std::nullopt),
+            makeDictionary({{"userinfo", makeDictionary({{"migrated", PropertyList::boolean(false)}})}}));
+
+  // resetapps removes every store and the daemon forgets what it held.
+  EXPECT_EQ(client.request("resetapps", {}, std::nullopt), empty);
+  EXPECT_FALSE(fs::exists(storePath("com.example.m1")));
+  EXPECT_FALSE(fs::exists(storePath("com.example.m2")));
+  EXPECT_EQ(integerAt(client.request("synchronize", changes, "com.example.m1"), {"userinfo", "changecount"}), 1);
+}
+
+// Set in the writer child started by the test below: its scratch home.
+constexpr const char* kChildHomeVariable = "VELMORAD_TEST_WRITER_HOME";
+constexpr const char* kSharedApp = "com.example.shared";
+
+// Runs only as the child of AWriteInOneProcessReachesAnotherAsAnExternalChange:
+// the application's second process, writing through the real library on the
+// parent's bus (inherited through DBUS_SESSION_BUS_ADDRESS).
+TEST(VelmoradLibrary, WriterChild) {
+  const char* home = getenv(kChildHomeVariable);
+  if (home == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
+  velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(home));
+  std::shared_ptr<NimbrelStore> writer = NimbrelStore::storeForApplication(kSharedApp);
+  ASSERT_NE(writer, nullptr);
+  ASSERT_TRUE(writer->setObject("greeting", str("hello")).ok());
+  ASSERT_TRUE(writer->synchronize());
+  std::printf("written\n");
+  std::fflush(stdout);
+}
+
+TEST(VelmoradLibrary, AWriteInOneProcessReachesAnotherAsAnExternalChange) {
+  scratchHome();
+  std::shared_ptr<NimbrelStore> reader = NimbrelStore::storeForApplication(kSharedApp);
+  ASSERT_NE(reader, nullptr);
+  auto mutex = std::make_shared<std::mutex>();
+  auto seen = std::make_shared<std::vector<NimbrelChange>>();  // guarded by *mutex
+  const NimbrelObserverToken token = reader->addObserver([mutex, seen](const NimbrelChange& change) {
+    std::lock_guard lock(*mutex);
+    seen->push_back(change);
+  });
+  EXPECT_FALSE(reader->getString("greeting").has_value());  // loads the (absent) store
+
+  std::unique_ptr<velmora::testing::ChildProcess> child = velmora::testing::ChildProcess::start(
+      {"/proc/self/exe", "--gtest_filter=VelmoradLibrary.WriterChild"},
+      {std::string(kChildHomeVariable) + "=" + scratchHome()});
+  ASSERT_NE(child, nullptr);
+  std::optional<std::string> line;
+  while ((line = child->readLine(kPatience)) && *line != "written") {
+  }
+  EXPECT_EQ(line, "written");
+  const std::optional<int> status = child->waitForExit(kPatience);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  EXPECT_EQ(integerAt(velmora::readPlistFile(storePath(kSharedApp).string()), {"changecount"}), 1);
+
+  ASSERT_TRUE(waitUntil(
+      [&] {
+        std::lock_guard lock(*mutex);
+        return !seen->empty();
+      },
+      kPatience));
+  {
+    std::lock_guard lock(*mutex);
+    ASSERT_EQ(seen->size(), 1u);
+    EXPECT_EQ((*seen)[0].reason, kNimbrelChangeReasonServerChange);
+    EXPECT_EQ((*seen)[0].keys, std::vector<std::string>{"greeting"});
+  }
+  EXPECT_EQ(reader->getString("greeting"), "hello");
+  reader->removeObserver(token);
+}
+
+// Replies of a burst of asynchronous calls, by call index.
+struct Burst {
+  std::map<int, PropertyList> replies;  // none for an error reply
+};
+
+int onBurstReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+  auto* slot = static_cast<std::pair<Burst*, int>*>(userdata);
+  std::optional<PropertyList> value;
+  if (!sd_bus_message_is_method_error(reply, nullptr)) value = velmora::readDbusDictionary(reply);
+  slot->first->replies[slot->second] = value.value_or(PropertyList());
+  return 0;
+}
+
+TEST(VelmoradProcess, SigtermFinishesTheWritesInFlight) {
+  RawClient client;
+  const std::string app = "com.example.sigterm";
+  ASSERT_FALSE(client.request("ping", {}, std::nullopt).isNone());
+  const pid_t pid = client.daemonPid();
+  ASSERT_GT(pid, 0);
+  constexpr int kCalls = 20;
+  Burst burst;
+  std::vector<std::pair<Burst*, int>> slots;
+  for (int i = 0; i < kCalls; ++i) slots.emplace_back(&burst, i);
+  for (int i = 0; i < kCalls; ++i) {
+    sd_bus_message* call = nullptr;
+    ASSERT_GE(sd_bus_message_new_method_call(client.bus(), &call, kService, "/com/vantrel/velmorad",
+                                             "com.vantrel.velmorad", "Request"),
+              0);
+    const PropertyList body = makeDictionary(
+        {{"message", str("synchronize")},
+         {"bundleIdentifier", str(app)},
+         {"userinfo", makeDictionary({{"changes", makeDictionary({{"k" + std::to_string(i), record("v")}})},
+                                      {"changecount", PropertyList::integer(0)}})}});
+    ASSERT_GE(velmora::appendIpcObject(call, *velmora::ipcObjectFromPropertyList(body)), 0);
+    ASSERT_GE(sd_bus_call_async(client.bus(), nullptr, call, onBurstReply, &slots[i], 20'000'000), 0);
+    sd_bus_message_unref(call);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  auto pumpUntil = [&](std::size_t replies) {
+    while (burst.replies.size() < replies && std::chrono::steady_clock::now() < deadline) {
+      if (sd_bus_process(client.bus(), nullptr) == 0) sd_bus_wait(client.bus(), 100'000);
+    }
+  };
+  // Stop it while it works through the burst: after the first answer.
+  pumpUntil(1);
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  pumpUntil(kCalls);
+  ASSERT_EQ(burst.replies.size(), static_cast<std::size_t>(kCalls));
+  // Every write that was answered is on disk.
+  const PropertyList file = velmora::readPlistFile(storePath(app).string());
+  int answered = 0;
+  for (const auto& [i, reply] : burst.replies) {
+    if (reply.isNone()) continue;
+    ++answered;
+    const std::int64_t count = integerAt(reply, {"userinfo", "changecount"});
+    EXPECT_GE(integerAt(file, {"changecount"}), count);
+    ASSERT_NE(file.find("values"), nullptr);
+    EXPECT_NE(file.find("values")->find("k" + std::to_string(i)), nullptr) << i;
+  }
+  // The bus thread reads on while the first write goes to disk, so more than
+  // the first request was in flight when the signal came; all of those must
+  // have been answered rather than dropped.
+  EXPECT_GT(answered, 1);
+}
+
+TEST(VelmoradProcess, SigtermEndsItAndTheNextRequestStartsItAgain) {
+  RawClient client;
+  ASSERT_FALSE(client.request("ping", {}, std::nullopt).isNone());  // activates it
+  const pid_t pid = client.daemonPid();
+  ASSERT_GT(pid, 0);
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  EXPECT_TRUE(waitUntil([&] { return !client.daemonHasOwner(); }, kPatience));
+  EXPECT_EQ(client.request("ping", {}, std::nullopt), makeDictionary({{"userinfo", PropertyList::dictionary({})}}));
+  EXPECT_NE(client.daemonPid(), pid);
+}
+
+}  // namespace
