@@ -274,32 +274,23 @@ TEST_F(ManagementTest, MigrationSendsTheIdentifierAndLogsTheOutcome) {
       std::vector<PropertyList>{makeDictionary(
           {{"message", str("migrate")}, {"userinfo", makeDictionary({{"parameter", str("com.example.moved")}})}})});
 
+  auto loggedStartingWith = [&](const std::string& prefix) {
+    const auto lines = log_->lines();
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
+      return line.level == LogLevel::Default && line.message.starts_with(prefix);
+    });
+  };
   // Without an identifier: logged, and nothing is sent or even connected.
   Source::migrateVelmoraForBundleIdentifier(nullptr);
-  bool refused = false;
-  for (const auto& line : log_->lines()) {
-    refused = refused ||
-              (line.level == LogLevel::Default &&
-               line.message.rfind("Error sending request to velmora daemon to migrate (null) nimbrel store: ", 0) == 0);
-  }
-  EXPECT_TRUE(refused);
+  EXPECT_TRUE(loggedStartingWith("Error sending request to velmora daemon to migrate (null) nimbrel store: "));
   EXPECT_EQ(diary_->entries().size(), 1u);
 
   // Without a daemon the transport's error is what gets logged.
   daemon_.reset();
   Source::migrateVelmoraForBundleIdentifier("com.example.stranded");
-  ASSERT_TRUE(waitUntil(
-      [&] {
-        for (const auto& line : log_->lines()) {
-          if (line.message.rfind("Reply from request to migrate com.example.stranded nimbrel store: " +
-                                     std::string(kZKVPOSIXErrorDomain) + " error 22",
-                                 0) == 0) {
-            return true;
-          }
-        }
-        return false;
-      },
-      kPatience));
+  ASSERT_TRUE(waitUntil([&] { return loggedStartingWith("Reply from request to migrate com.example.stranded nimbrel "
+                                                        "store: " + std::string(kZKVPOSIXErrorDomain) + " error 22"); },
+                        kPatience));
 }
 
 }  // namespace

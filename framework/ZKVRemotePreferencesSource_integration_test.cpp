@@ -508,20 +508,6 @@ TEST_F(SourceConversationTest, JournalChangesAreRelayedLoadedAndHandedOutOnce) {
   EXPECT_TRUE(payloadsOf("synchronize").empty());
 }
 
-TEST_F(SourceConversationTest, WithoutAJournalChangedRecordsAreFoundByComparison) {
-  writeStore("compare", storeWith({{"same", record("s")}, {"changed", record("c")}, {"removed", record("r")}}, 5));
-  auto source = makeSource("compare");
-  EXPECT_TRUE(source->synchronize());
-  // A new timestamp alone counts as a change.
-  writeStore("compare",
-             storeWith({{"same", record("s")}, {"changed", record("c", 700'000'009)}, {"added", record("a")}}, 6));
-  EXPECT_TRUE(source->synchronizeForced(true));
-  std::int64_t changeCount = 0;
-  EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount),
-            (Groups{{1, {"added", "changed", "removed"}}}));
-  EXPECT_EQ(changeCount, 6);
-}
-
 // ---------------------------------------------------------------------------
 // Configuration and the other requests.
 

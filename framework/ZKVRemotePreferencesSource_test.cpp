@@ -482,7 +482,6 @@ TEST_F(ZKVRemotePreferencesSourceTest, LimitsFallBackToDefaults) {
   const PropertyList configuration =
       makeDictionary({{"maxKeyNameLen", integer(10)}, {"maxKeyCount", integer(0)}, {"maxKeyDataSum", integer(-1)}});
   source->storeConfiguration(configuration);
-  EXPECT_TRUE(logged(LogLevel::Debug, "Storing configuration: " + configuration.description()));
   EXPECT_TRUE(source->copyConfigurationDictionary().isSameObject(configuration));
   EXPECT_EQ(limits(), (std::vector<std::uint64_t>{1024, 10, 1048576, UINT64_MAX}));
   EXPECT_EQ(source->configurationValueForKey("unknown"), 0u);

@@ -103,15 +103,11 @@ TEST_F(DbusValueTest, EveryTypeRoundTripsWithItsWireSignature) {
 
   ASSERT_GE(appendIpcObject(newMessage(), *ipcObjectFromPropertyList(original)), 0);
   auto signatures = entrySignatures();
-  EXPECT_EQ(signatures["true"], "b");
-  EXPECT_EQ(signatures["max"], "x");
-  EXPECT_EQ(signatures["big"], "t");
-  EXPECT_EQ(signatures["real"], "d");
-  EXPECT_EQ(signatures["date"], "(d)");
-  EXPECT_EQ(signatures["string"], "s");
-  EXPECT_EQ(signatures["data"], "ay");
-  EXPECT_EQ(signatures["array"], "av");
-  EXPECT_EQ(signatures["dict"], "a{sv}");
+  for (const auto& [key, signature] : {std::pair{"true", "b"}, {"max", "x"}, {"big", "t"}, {"real", "d"},
+                                       {"date", "(d)"}, {"string", "s"}, {"data", "ay"}, {"array", "av"},
+                                       {"dict", "a{sv}"}}) {
+    EXPECT_EQ(signatures[key], signature) << key;
+  }
 
   PropertyList back = roundTrip(original);
   EXPECT_TRUE(back.find("big")->isUnsignedInteger());

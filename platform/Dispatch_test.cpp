@@ -43,9 +43,7 @@ template <class Predicate>
 bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 10s) {
   const auto deadline = Clock::now() + timeout;
   while (!predicate()) {
-    if (Clock::now() > deadline) {
-      return false;
-    }
+    if (Clock::now() > deadline) return false;
     std::this_thread::sleep_for(1ms);
   }
   return true;
@@ -124,9 +122,7 @@ TEST(DispatchQueueTest, SyncAndAsyncFromManyThreadsNeverOverlap) {
       }
     });
   }
-  for (auto& thread : threads) {
-    thread.join();
-  }
+  for (auto& thread : threads) thread.join();
   int total = 0;
   queue->sync([&] { total = counter; });
   EXPECT_EQ(total, kThreads * kRounds);
@@ -331,9 +327,7 @@ TEST(DispatchOnceTest, RunsOnceAndOthersWaitForIt) {
       returnedEarly += runs.load() == 1 ? 0 : 1;
     });
   }
-  for (auto& thread : threads) {
-    thread.join();
-  }
+  for (auto& thread : threads) thread.join();
   EXPECT_EQ(runs.load(), 1);
   EXPECT_EQ(returnedEarly.load(), 0);
 }
@@ -388,16 +382,12 @@ TEST_F(DispatchDeathTest, ChoosingTheMainQueueModeAfterFirstUseAborts) {
 int driveTheMainQueueFromThisThread() {
   DispatchQueue::setMainQueueDrivenByApplication(true);
   const int fd = DispatchQueue::mainQueueFileDescriptor();
-  if (fd < 0) {
-    return 1;
-  }
+  if (fd < 0) return 1;
   auto readable = [fd] {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, 0) == 1;
   };
-  if (readable()) {
-    return 2;
-  }
+  if (readable()) return 2;
   DispatchQueue& main = DispatchQueue::main();
   const auto self = std::this_thread::get_id();
   std::vector<int> order;
@@ -411,16 +401,12 @@ int driveTheMainQueueFromThisThread() {
     });
   }
   std::this_thread::sleep_for(50ms);
-  if (!order.empty() || !readable()) {
-    return 3;  // something other than this thread ran main-queue work
-  }
+  if (!order.empty() || !readable()) return 3;  // something other than this thread ran main-queue work
   if (DispatchQueue::drainMainQueue() != 3 || order != std::vector<int>{0, 1, 2} || !onThisThread ||
       !current) {
     return 4;
   }
-  if (readable() || DispatchQueue::drainMainQueue() != 0) {
-    return 5;
-  }
+  if (readable() || DispatchQueue::drainMainQueue() != 0) return 5;
   // Work queued by running work waits for the next drain and keeps the fd readable.
   main.async([&] { main.async([&] { order.push_back(9); }); });
   if (DispatchQueue::drainMainQueue() != 1 || !readable() || DispatchQueue::drainMainQueue() != 1 ||
@@ -432,14 +418,10 @@ int driveTheMainQueueFromThisThread() {
   main.async([] {});
   std::thread other([&] { main.sync([&] { syncRan = true; }); });
   std::this_thread::sleep_for(50ms);
-  if (syncRan) {
-    return 7;
-  }
+  if (syncRan) return 7;
   const std::size_t ran = DispatchQueue::drainMainQueue();
   other.join();
-  if (ran != 1 || !syncRan) {
-    return 8;
-  }
+  if (ran != 1 || !syncRan) return 8;
   return 0;
 }
 
