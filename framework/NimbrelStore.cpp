@@ -326,7 +326,10 @@ NimbrelResult NimbrelStore::write(std::string_view key, const PropertyList& valu
   source_->protectionQueue()->sync([&] {
     // An evicted cache is reloaded here, and may hold what others wrote
     // meanwhile, so its sizes are counted afresh.
-    if (!sizesValid_ || !source_->lockedLoadState().cache) lockedRecountSizes();
+    if (sizesStale_.exchange(false, std::memory_order_acq_rel) || !sizesValid_ ||
+        !source_->lockedLoadState().cache) {
+      lockedRecountSizes();
+    }
     const velmora::PlistDictionary& cache = *source_->lockedLoadState().cache;
     exists = cache.find(key) != cache.end();
     keyCount = cache.size();
@@ -428,11 +431,11 @@ void NimbrelStore::removeObserver(NimbrelObserverToken token) {
 
 void NimbrelStore::handleExternalChange() {
   changePending_.store(false);
-  {
-    std::lock_guard lock(writeMutex_);
-    source_->synchronizeForced(true);
-    sizesValid_ = false;
-  }
+  // No writeMutex_ here: this runs on a pool worker, and a writer holding the
+  // mutex may be waiting for work that needs a free worker. The next write
+  // sees the flag and counts the sizes afresh.
+  source_->synchronizeForced(true);
+  sizesStale_.store(true, std::memory_order_release);
   std::int64_t changeCount = 0;
   std::optional<std::map<std::int64_t, std::vector<std::string>>> changes;
   // Taking the changes does not enter the protection queue by itself; doing

@@ -28,13 +28,14 @@
 //   observer delivery, and everything else on that queue, for the round
 //   trip (up to the IPC call timeout when the daemon hangs).
 // - Locks and queues. writeMutex_ makes each write's limit check and the
-//   write itself one step, and orders them with the reload after a change
-//   elsewhere; it guards the per-key size table. observersMutex_ guards the
+//   write itself one step; it guards the per-key size table. The reload
+//   after a change elsewhere does not take it (it runs on a pool worker,
+//   which must not wait for a writer): it marks the table stale instead. observersMutex_ guards the
 //   observer table; it is a leaf and never held while an observer runs.
 //   changeQueue_ (serial, "com.vantrel.nimbrelstore.changes") handles change
 //   notifications, so the thread that posts them never waits for the store.
-// - Waiting order: caller or changeQueue_ -> writeMutex_ -> the source's
-//   protection queue (and what it waits for). The registry mutex is held
+// - Waiting order: caller -> writeMutex_ -> the source's protection queue
+//   (and what it waits for); changeQueue_ -> the protection queue. The registry mutex is held
 //   while a store is created (the source waits for its bus subscription) and
 //   nothing that waits for it is ever called under it.
 #pragma once
@@ -313,6 +314,11 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   // Guarded by writeMutex_; false until counted, and after a reload or
   // useSourceSyncWithBlock, which may have changed the cache behind sizes_.
   bool sizesValid_ = false;
+  // Set (lock-free) by a reload after a change from elsewhere, so the change
+  // handler never waits for a writer; the next write recounts. A write
+  // checked just before such a reload may pass a limit the reloaded store
+  // breaks; the daemon enforces the limits again when it stores the value.
+  std::atomic<bool> sizesStale_{false};
 
   mutable std::mutex observersMutex_;                                          // guards the two fields below
   std::map<NimbrelObserverToken, std::shared_ptr<const Observer>> observers_;  // guarded by observersMutex_
