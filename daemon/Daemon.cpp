@@ -9,6 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <thread>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -65,6 +69,84 @@ std::optional<std::filesystem::path> storeDirectory() {
 
 }  // namespace
 
+// A serial executor with a thread of its own, started on demand and gone
+// after a while idle. A store's work blocks on fsync; on the shared pool
+// (bounded by the core count) a few stores' disk writes would hold up the
+// requests of every other store.
+class StoreExecutor {
+ public:
+  StoreExecutor() = default;
+  ~StoreExecutor() { stop(); }
+  StoreExecutor(const StoreExecutor&) = delete;
+  StoreExecutor& operator=(const StoreExecutor&) = delete;
+
+  // Runs work after everything queued before it, on the executor's thread.
+  void async(std::function<void()> work) {
+    std::lock_guard lock(mutex_);
+    work_.push_back(std::move(work));
+    if (running_) {
+      wake_.notify_one();
+      return;
+    }
+    // A thread that left after idling has only its return left to make.
+    if (thread_.joinable()) thread_.join();
+    running_ = true;
+    thread_ = std::thread([this] { run(); });
+  }
+
+  // Runs work as async() does and waits for it. Never from the executor's own work.
+  void sync(const std::function<void()>& work) {
+    std::mutex doneMutex;
+    std::condition_variable doneSignal;
+    bool done = false;
+    async([&] {
+      work();
+      std::lock_guard lock(doneMutex);
+      done = true;
+      doneSignal.notify_one();
+    });
+    std::unique_lock lock(doneMutex);
+    doneSignal.wait(lock, [&] { return done; });
+  }
+
+  // Runs what is queued, then ends the thread. Call once nothing queues any more.
+  void stop() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      wake_.notify_all();
+    }
+    if (thread_.joinable()) thread_.join();
+  }
+
+ private:
+  static constexpr auto kIdleTime = std::chrono::seconds(10);
+
+  void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      wake_.wait_for(lock, kIdleTime, [&] { return !work_.empty() || stopping_; });
+      if (work_.empty()) {
+        running_ = false;
+        return;
+      }
+      std::function<void()> item = std::move(work_.front());
+      work_.pop_front();
+      lock.unlock();
+      item();
+      item = nullptr;  // its captures go before the next wait
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> work_;  // guarded by mutex_
+  bool running_ = false;                    // guarded by mutex_: a thread drains work_
+  bool stopping_ = false;                   // guarded by mutex_
+  std::thread thread_;                      // guarded by mutex_ (joined without it by stop())
+};
+
 // One request, parsed on the bus thread and carried to a queue by value.
 struct Daemon::Request {
   std::string message;
@@ -74,10 +156,9 @@ struct Daemon::Request {
 };
 
 struct Daemon::StoreEntry {
-  explicit StoreEntry(const std::string& path)
-      : queue(velmora::DispatchQueue::createSerial("com.vantrel.velmorad.store")), store(path) {}
-  const std::shared_ptr<velmora::DispatchQueue> queue;  // immutable
-  Store store;                                          // guarded by queue
+  explicit StoreEntry(const std::string& path) : queue(std::make_unique<StoreExecutor>()), store(path) {}
+  const std::unique_ptr<StoreExecutor> queue;  // immutable
+  Store store;                                 // guarded by queue
 };
 
 struct BusCallbacks {
@@ -209,7 +290,9 @@ int Daemon::run() {
 
   // No request is read any more: let every queue finish, then answer.
   globalQueue_->sync([] {});
-  for (const std::shared_ptr<StoreEntry>& entry : allStores()) entry->queue->sync([] {});
+  // Stopping each store's thread here, not in the destructor, so that none
+  // can drop the last reference to its own entry.
+  for (const std::shared_ptr<StoreEntry>& entry : allStores()) entry->queue->stop();
   drainOutbox();
   sd_bus_flush(bus_);
   log().log(LogLevel::Default, "velmorad: exiting");

@@ -6,8 +6,10 @@
 // - Threads. The bus connection lives on the thread that calls run() (the
 //   bus thread): sd-bus objects are single-threaded, so every message is
 //   read, referenced, answered and released there. Each store has its own
-//   serial DispatchQueue: requests of one store run in arrival order,
-//   different stores in parallel on the shared pool. "resetapps" and
+//   serial executor with a thread of its own (started on demand, gone when
+//   idle): requests of one store run in arrival order, different stores in
+//   parallel, so no store's request waits for another store's fsync (the
+//   shared pool is bounded by the core count). "resetapps" and
 //   "migrate" run on one global queue that syncs onto store queues (never the
 //   reverse). "ping" and the requests that need no store are answered on the
 //   bus thread at once, never behind a disk write.
@@ -19,7 +21,9 @@
 //   bus call or other lock runs while one is held. A Store is touched only
 //   from its entry's queue.
 // - Waiting order: global queue -> store queues. The bus thread waits for
-//   queues only at shutdown, when it no longer reads requests.
+//   queues only at shutdown, when it no longer reads requests; it then stops
+//   each store's thread, so that no thread drops the last reference to the
+//   store entry that owns it.
 // - Shutdown. SIGTERM (or the bus going away) stops reading requests; the
 //   queues are drained, so writes in flight finish and their replies go out,
 //   then the connection is flushed and closed.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -85,7 +86,8 @@ PropertyList StoreLimits::dictionary() const {
                                   {"maxKeyDataSum", PropertyList::integer(maxKeyDataSum)}});
 }
 
-bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes, std::string* error) {
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes, std::string* error,
+                         struct stat* written) {
   const std::filesystem::path dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
   if (!makeDirectories(dir, error)) {
     if (error != nullptr && error->empty()) *error = "not a directory: " + dir.string();
@@ -98,6 +100,8 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
     return false;
   }
   bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  // The rename keeps inode, size and mtime: this is the stat the file will have.
+  if (ok && written != nullptr) ok = ::fstat(fd, written) == 0;
   if (!ok && error != nullptr) *error = errnoText("write", temp);
   if (::close(fd) != 0 && ok) {
     ok = false;
@@ -124,12 +128,56 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
 
 Store::Store(std::filesystem::path path) : path_(std::move(path)) {}
 
+Store::FileStamp Store::FileStamp::of(const struct stat& info) {
+  return FileStamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+}
+
+bool Store::FileStamp::operator==(const FileStamp& other) const {
+  return device == other.device && inode == other.inode && size == other.size &&
+         mtime.tv_sec == other.mtime.tv_sec && mtime.tv_nsec == other.mtime.tv_nsec;
+}
+
+bool Store::changedOnDisk() const {
+  struct stat info{};
+  if (::stat(path_.c_str(), &info) != 0) return stamp_.has_value();  // removed behind us (or still absent)
+  return !stamp_ || !(FileStamp::of(info) == *stamp_);
+}
+
+void Store::removeStaleTemporaries() {
+  // writeFileAtomically's temporaries are "<file>.XXXXXX"; a writer killed
+  // between mkstemp and rename leaves one behind.
+  const std::string prefix = path_.filename().string() + ".";
+  std::error_code ec;
+  for (const auto& item : std::filesystem::directory_iterator(path_.parent_path(), ec)) {
+    const std::string name = item.path().filename().string();
+    if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0) continue;
+    if (!std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                     [](unsigned char c) { return std::isalnum(c) != 0; })) {
+      continue;
+    }
+    std::error_code removeError;
+    if (std::filesystem::remove(item.path(), removeError)) {
+      log().log(LogLevel::Default, "Removed the unfinished write " + item.path().string());
+    }
+  }
+}
+
 void Store::ensureLoaded() {
-  if (contents_) return;
+  if (contents_) {
+    if (!changedOnDisk()) return;
+    log().log(LogLevel::Default, "Store file " + path_.string() + " changed on disk; reading it again");
+    contents_.reset();
+  }
+  if (!sweptTemporaries_) {
+    sweptTemporaries_ = true;
+    removeStaleTemporaries();
+  }
   contents_.emplace();
+  stamp_.reset();
   struct stat info{};
   if (::stat(path_.c_str(), &info) != 0) return;  // no file yet: an empty store
 
+  ++fileReads_;
   PropertyList file = velmora::readPlistFile(path_.string());
   if (!file.isDictionary()) {
     const std::string aside = path_.string() + ".corrupt-" + std::to_string(std::time(nullptr));
@@ -141,6 +189,8 @@ void Store::ensureLoaded() {
     }
     return;
   }
+  // The stat taken before reading: a change during the read shows next time.
+  stamp_ = FileStamp::of(info);
   *contents_ = *file.getDictionary();
   // Damaged parts read as absent, so every later step sees the usual shape.
   PlistDictionary& c = *contents_;
@@ -152,11 +202,15 @@ void Store::ensureLoaded() {
   }
 }
 
-std::int64_t Store::changeCount() {
-  ensureLoaded();
+std::int64_t Store::loadedChangeCount() const {
   std::int64_t count = 0;
   if (auto it = contents_->find(kStoreChangeCountKey); it != contents_->end()) (void)it->second.getInt64(count);
   return count;
+}
+
+std::int64_t Store::changeCount() {
+  ensureLoaded();
+  return loadedChangeCount();
 }
 
 std::size_t Store::keyCount() {
@@ -176,7 +230,10 @@ bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
     if (error != nullptr) *error = "the store cannot be encoded";
     return false;
   }
-  return writeFileAtomically(path_, *bytes, error);
+  struct stat written{};
+  if (!writeFileAtomically(path_, *bytes, error, &written)) return false;
+  stamp_ = FileStamp::of(written);
+  return true;
 }
 
 ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits) {
@@ -246,7 +303,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     changed.push_back(key);
   }
 
-  const std::int64_t oldCount = changeCount();
+  const std::int64_t oldCount = loadedChangeCount();
   outcome.accepted = true;
   outcome.changeCount = oldCount;
   if (changed.empty() && outcome.refusedKeys.empty()) return outcome;  // nothing to write
@@ -329,7 +386,10 @@ bool Store::rewrite() {
   return true;
 }
 
-void Store::forgetContents() { contents_.reset(); }
+void Store::forgetContents() {
+  contents_.reset();
+  stamp_.reset();
+}
 
 std::string Store::debugDescription() {
   std::ostringstream out;

@@ -11,12 +11,19 @@
 //   directory, so a reader sees the old file or the new one, never half. A
 //   file that exists but does not decode is renamed aside and the store
 //   starts empty, so one damaged file never takes the daemon down.
+// - Memory. The loaded copy stays in memory. Each use compares the file's
+//   stat (device, inode, size, mtime) with what was last read or written and
+//   reads the file again only when something else replaced, changed or
+//   removed it. Temporary files a killed daemon left beside the store are
+//   removed when the store is first loaded: only the daemon writes there.
 // - Journal. Each changed key is journaled at the new change count (code 0,
 //   changed elsewhere), keys refused over a limit one count higher (code 2),
 //   so the sender that was answered with the lower count learns of the
 //   refusal at its next load. Entries go once every registered client has
 //   released them (discardJournalEntries).
 #pragma once
+
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -67,8 +74,9 @@ struct ApplyOutcome {
 // file with mode 0600; creates missing parent directories with mode 0700.
 // Returns true once the new file and its directory entry are on disk; false
 // (with *error set when given) leaves the old file untouched. Blocks on I/O.
+// When written is given, it receives the new file's stat.
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
-                         std::string* error = nullptr);
+                         std::string* error = nullptr, struct stat* written = nullptr);
 
 class Store {
  public:
@@ -120,14 +128,34 @@ class Store {
   // the next use reads the file again. Clients stay registered. Never blocks.
   void forgetContents();
 
+  // How many times the file was read (decoded) so far. For tests. Never blocks.
+  std::uint64_t fileReads() const noexcept { return fileReads_; }
+
   // A readable, multi-line description for printDebugDescription (file,
   // counts, clients, journal, sync state); caller owns it. Loads like
   // changeCount().
   std::string debugDescription();
 
  private:
-  // Reads the file into contents_ unless loaded; a damaged file is set aside.
+  // What identifies one version of the file on disk.
+  struct FileStamp {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    timespec mtime{};
+    static FileStamp of(const struct stat& info);
+    bool operator==(const FileStamp& other) const;
+  };
+
+  // Reads the file into contents_ unless loaded and unchanged on disk; a
+  // damaged file is set aside.
   void ensureLoaded();
+  // Whether the file on disk is no longer the one contents_ came from.
+  bool changedOnDisk() const;
+  // Removes temporary files of this store left by an interrupted write.
+  void removeStaleTemporaries();
+  // contents_'s change count; contents_ must be loaded.
+  std::int64_t loadedChangeCount() const;
   // Encodes and writes contents durably; false with *error set on failure.
   bool writeContents(const velmora::PlistDictionary& contents, std::string* error);
   // Removes journal entries every client released; writes when any went.
@@ -136,6 +164,10 @@ class Store {
 
   const std::filesystem::path path_;                  // immutable
   std::optional<velmora::PlistDictionary> contents_;  // guarded by the store's queue; nullopt until loaded
+  std::optional<FileStamp> stamp_;                    // guarded by the store's queue; the file contents_ matches,
+                                                      // nullopt when it came from no file
+  bool sweptTemporaries_ = false;                     // guarded by the store's queue
+  std::uint64_t fileReads_ = 0;                       // guarded by the store's queue
   std::map<std::string, std::int64_t> clients_;       // guarded by the store's queue; bus name -> highest
                                                       // count it released (-1: none)
 };

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "velmora/platform/PlistCodec.h"
 #include "zkv/ZKVEncoding.h"
@@ -189,6 +190,76 @@ TEST_F(StoreTest, WriteFailureLeavesMemoryAndFileAsTheyWere) {
   EXPECT_EQ(store.keyCount(), 1u);
   // The next attempt succeeds at the next count, not one further.
   EXPECT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+}
+
+TEST_F(StoreTest, KeepsItsCopyUntilTheFileChangesBehindIt) {
+  Store store(path_);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+  // Its own writes and every later use go without reading the file.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(store.changeCount(), 1);
+    EXPECT_EQ(store.keyCount(), 1u);
+  }
+  ASSERT_TRUE(apply(store, {{"b", record("2")}}).written);
+  EXPECT_EQ(store.keyCount(), 2u);
+  EXPECT_EQ(store.fileReads(), 0u);
+
+  // Another writer renames a new file into place (a new inode).
+  ASSERT_TRUE(velmorad::writeFileAtomically(
+      path_, *velmora::encodeBinaryPlist(makeDictionary(
+                 {{"values", makeDictionary({{"x", record("9")}})}, {"changecount", PropertyList::integer(40)}}))));
+  EXPECT_EQ(store.changeCount(), 40);
+  EXPECT_EQ(store.keyCount(), 1u);
+  EXPECT_EQ(store.fileReads(), 1u);
+  EXPECT_EQ(store.changeCount(), 40);
+  EXPECT_EQ(store.fileReads(), 1u);
+  // The next change builds on what is on disk now.
+  ApplyOutcome next = apply(store, {{"y", record("8")}});
+  EXPECT_EQ(next.changeCount, 41);
+  EXPECT_NE(onDisk().find("values")->find("x"), nullptr);
+  EXPECT_EQ(store.fileReads(), 1u);
+
+  // Rewritten in place: same inode, other size.
+  const ino_t before = inode();
+  {
+    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+    const velmora::Bytes bytes = *velmora::encodeBinaryPlist(makeDictionary(
+        {{"values", PropertyList::dictionary({})}, {"changecount", PropertyList::integer(77)}}));
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+  ASSERT_EQ(inode(), before);
+  EXPECT_EQ(store.changeCount(), 77);
+  EXPECT_EQ(store.keyCount(), 0u);
+  EXPECT_EQ(store.fileReads(), 2u);
+
+  // Removed: the store is empty again, and stays so without reading.
+  fs::remove(path_);
+  EXPECT_EQ(store.changeCount(), 0);
+  EXPECT_EQ(store.keyCount(), 0u);
+  EXPECT_EQ(store.fileReads(), 2u);
+}
+
+TEST_F(StoreTest, UnfinishedWritesOfAKilledDaemonAreRemovedOnLoad) {
+  {
+    Store first(path_);
+    ASSERT_TRUE(apply(first, {{"a", record("1")}}).written);
+  }
+  // What a daemon killed between mkstemp and rename leaves, beside files
+  // that only look alike.
+  const fs::path dir = path_.parent_path();
+  for (const char* name : {"com.example.app.plist.Ab3xQ9", "com.example.app.plist.zzzzzz"}) {
+    std::ofstream(dir / name) << "half";
+  }
+  const std::vector<std::string> kept = {"com.example.app.plist.corrupt-1700000000", "com.example.app.plist.Ab3xQ",
+                                         "com.example.other.plist.Ab3xQ9", "com.example.app.plist"};
+  for (const std::string& name : kept) {
+    if (name != "com.example.app.plist") std::ofstream(dir / name) << "keep";
+  }
+  Store store(path_);
+  EXPECT_EQ(store.keyCount(), 1u);
+  std::set<std::string> left;
+  for (const auto& item : fs::directory_iterator(dir)) left.insert(item.path().filename().string());
+  EXPECT_EQ(left, std::set<std::string>(kept.begin(), kept.end()));
 }
 
 TEST_F(StoreTest, DamagedFileIsSetAsideAndTheStoreStartsEmpty) {
