@@ -1,4 +1,6 @@
 // The session-bus IPC transport.
+
+#include "InstalledSlot.h"
 //
 // Design note
 // - Threads. A DbusIpcConnection (the caller's handle) only queues commands
@@ -597,23 +599,9 @@ class DbusIpcConnection final : public IpcConnection {
 
 std::atomic<std::uint64_t> nextConnectionId{1};
 
-struct ServiceSlot {
-  std::mutex mutex;                                   // guards the fields below
-  std::shared_ptr<IpcService> system;                 // guarded by mutex
-  std::shared_ptr<IpcService> installed;              // guarded by mutex
-  std::vector<std::shared_ptr<IpcService>> retained;  // guarded by mutex
-
-  void ensureSystemLocked() {
-    if (!system) {
-      system = std::make_shared<DbusIpcService>();
-      retained.push_back(system);
-      installed = system;
-    }
-  }
-};
-
-ServiceSlot& serviceSlot() {
-  static ServiceSlot* slot = new ServiceSlot();
+// Never destroyed: services handed out stay valid until exit.
+InstalledSlot<IpcService>& serviceSlot() {
+  static auto* slot = new InstalledSlot<IpcService>([] { return std::make_shared<DbusIpcService>(); });
   return *slot;
 }
 
@@ -631,24 +619,10 @@ std::shared_ptr<IpcConnection> DbusIpcService::connect(std::string serviceName,
 
 void DbusIpcService::shutdownIoThread() { IoThread::instance().shutdown(); }
 
-IpcService& currentIpcService() {
-  ServiceSlot& slot = serviceSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  return *slot.installed;
-}
+IpcService& currentIpcService() { return serviceSlot().get(); }
 
 std::shared_ptr<IpcService> setIpcService(std::shared_ptr<IpcService> service) {
-  ServiceSlot& slot = serviceSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  if (!service) service = slot.system;
-  bool known = false;
-  for (const auto& r : slot.retained) known = known || r.get() == service.get();
-  if (!known) slot.retained.push_back(service);
-  std::shared_ptr<IpcService> previous = std::move(slot.installed);
-  slot.installed = std::move(service);
-  return previous;
+  return serviceSlot().exchange(std::move(service));
 }
 
 }  // namespace velmora

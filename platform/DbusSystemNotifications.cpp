@@ -1,4 +1,6 @@
 // Session-bus system notifications.
+
+#include "InstalledSlot.h"
 //
 // Design note
 // - Threads. The caller's thread registers an Observation in the centre's
@@ -274,23 +276,10 @@ class NotifyIo {
   bool resubscribeScheduled_ = false;                                 // I/O thread
 };
 
-struct CenterSlot {
-  std::mutex mutex;                                                // guards the fields below
-  std::shared_ptr<SystemNotificationCenter> system;                // guarded by mutex
-  std::shared_ptr<SystemNotificationCenter> installed;             // guarded by mutex
-  std::vector<std::shared_ptr<SystemNotificationCenter>> retained;  // guarded by mutex
-
-  void ensureSystemLocked() {
-    if (!system) {
-      system = std::make_shared<DbusSystemNotificationCenter>();
-      retained.push_back(system);
-      installed = system;
-    }
-  }
-};
-
-CenterSlot& centerSlot() {
-  static CenterSlot* slot = new CenterSlot();
+// Never destroyed: centres handed out stay valid until exit.
+InstalledSlot<SystemNotificationCenter>& centerSlot() {
+  static auto* slot = new InstalledSlot<SystemNotificationCenter>(
+      [] { return std::make_shared<DbusSystemNotificationCenter>(); });
   return *slot;
 }
 
@@ -388,24 +377,10 @@ bool isValidSystemNotificationName(std::string_view name) noexcept {
          isValidUtf8(name);
 }
 
-SystemNotificationCenter& currentSystemNotificationCenter() {
-  CenterSlot& slot = centerSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  return *slot.installed;
-}
+SystemNotificationCenter& currentSystemNotificationCenter() { return centerSlot().get(); }
 
 std::shared_ptr<SystemNotificationCenter> setSystemNotificationCenter(std::shared_ptr<SystemNotificationCenter> center) {
-  CenterSlot& slot = centerSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  if (!center) center = slot.system;
-  bool known = false;
-  for (const auto& r : slot.retained) known = known || r.get() == center.get();
-  if (!known) slot.retained.push_back(center);
-  std::shared_ptr<SystemNotificationCenter> previous = std::move(slot.installed);
-  slot.installed = std::move(center);
-  return previous;
+  return centerSlot().exchange(std::move(center));
 }
 
 bool postSystemNotification(std::string_view name) { return currentSystemNotificationCenter().post(name); }

@@ -1,5 +1,7 @@
 #include "velmora/platform/Environment.h"
 
+#include "InstalledSlot.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -86,23 +88,9 @@ std::map<std::string, std::string, std::less<>> parseEnviron(std::string_view bl
   return vars;
 }
 
-struct EnvironmentSlot {
-  std::mutex mutex;
-  std::shared_ptr<Environment> system;                // guarded by mutex
-  std::shared_ptr<Environment> installed;             // guarded by mutex
-  std::vector<std::shared_ptr<Environment>> retained;  // guarded by mutex
-
-  void ensureSystemLocked() {
-    if (system) return;
-    system = std::make_shared<SystemEnvironment>();
-    installed = system;
-    retained.push_back(system);
-  }
-};
-
 // Never destroyed, so static destructors elsewhere may still ask.
-EnvironmentSlot& environmentSlot() {
-  static auto* slot = new EnvironmentSlot;
+InstalledSlot<Environment>& environmentSlot() {
+  static auto* slot = new InstalledSlot<Environment>([] { return std::make_shared<SystemEnvironment>(); });
   return *slot;
 }
 
@@ -156,24 +144,10 @@ std::optional<std::string> SystemEnvironment::hostApplicationIdentifier() const 
 
 bool SystemEnvironment::isSandboxed() const { return ::access(kFlatpakInfoPath, F_OK) == 0; }
 
-Environment& currentEnvironment() {
-  EnvironmentSlot& slot = environmentSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  return *slot.installed;
-}
+Environment& currentEnvironment() { return environmentSlot().get(); }
 
 std::shared_ptr<Environment> setEnvironment(std::shared_ptr<Environment> env) {
-  EnvironmentSlot& slot = environmentSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  if (!env) env = slot.system;
-  bool known = false;
-  for (const auto& r : slot.retained) known = known || r.get() == env.get();
-  if (!known) slot.retained.push_back(env);
-  std::shared_ptr<Environment> previous = std::move(slot.installed);
-  slot.installed = std::move(env);
-  return previous;
+  return environmentSlot().exchange(std::move(env));
 }
 
 // ---------------------------------------------------------------------------

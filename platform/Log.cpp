@@ -1,5 +1,7 @@
 #include "velmora/platform/Log.h"
 
+#include "InstalledSlot.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -17,58 +19,6 @@ namespace velmora {
 namespace {
 
 constexpr const char* kJournalSocketPath = "/run/systemd/journal/socket";
-
-// One process-wide installable service. Readers take a plain atomic load, so
-// logging never contends on a lock; writers swap under a mutex. Every object
-// ever installed stays in retained_ until exit, which is what lets a reader
-// keep using a pointer it loaded just before a swap.
-template <typename T>
-class InstalledSlot {
- public:
-  explicit InstalledSlot(std::function<std::shared_ptr<T>()> makeDefault)
-      : makeDefault_(std::move(makeDefault)) {}
-
-  T& get() {
-    if (T* p = current_.load(std::memory_order_acquire)) return *p;
-    std::lock_guard lock(mutex_);
-    ensureDefaultLocked();
-    return *current_.load(std::memory_order_relaxed);
-  }
-
-  std::shared_ptr<T> exchange(std::shared_ptr<T> next) {
-    std::lock_guard lock(mutex_);
-    ensureDefaultLocked();
-    if (!next) next = default_;
-    retainLocked(next);
-    std::shared_ptr<T> previous = std::move(installed_);
-    installed_ = std::move(next);
-    current_.store(installed_.get(), std::memory_order_release);
-    return previous;
-  }
-
- private:
-  void ensureDefaultLocked() {
-    if (default_) return;
-    default_ = makeDefault_();
-    retainLocked(default_);
-    installed_ = default_;
-    current_.store(installed_.get(), std::memory_order_release);
-  }
-
-  void retainLocked(const std::shared_ptr<T>& p) {
-    for (const auto& r : retained_) {
-      if (r.get() == p.get()) return;
-    }
-    retained_.push_back(p);
-  }
-
-  std::atomic<T*> current_{nullptr};                   // written under mutex_, read lock-free
-  std::mutex mutex_;
-  const std::function<std::shared_ptr<T>()> makeDefault_;  // immutable
-  std::shared_ptr<T> default_;                         // guarded by mutex_
-  std::shared_ptr<T> installed_;                       // guarded by mutex_
-  std::vector<std::shared_ptr<T>> retained_;           // guarded by mutex_
-};
 
 std::string programShortName() {
   const char* name = program_invocation_short_name;

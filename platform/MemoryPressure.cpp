@@ -1,5 +1,7 @@
 #include "velmora/platform/MemoryPressure.h"
 
+#include "InstalledSlot.h"
+
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -401,46 +403,20 @@ void LinuxMemoryPressureMonitor::watch(WatchThread& thread) {
 
 namespace {
 
-struct MonitorSlot {
-  std::mutex mutex;
-  std::shared_ptr<MemoryPressureMonitor> installed;              // guarded by mutex
-  std::shared_ptr<MemoryPressureMonitor> system;                 // guarded by mutex; made on first use
-  std::vector<std::shared_ptr<MemoryPressureMonitor>> retained;  // guarded by mutex; never shrinks
-
-  void ensureSystemLocked() {
-    if (!system) {
-      system = std::make_shared<LinuxMemoryPressureMonitor>();
-      retained.push_back(system);
-      installed = system;
-    }
-  }
-};
-
 // Never destroyed: registrations held by static objects may be cancelled
 // after ordinary statics are gone.
-MonitorSlot& monitorSlot() {
-  static auto* slot = new MonitorSlot;
+InstalledSlot<MemoryPressureMonitor>& monitorSlot() {
+  static auto* slot = new InstalledSlot<MemoryPressureMonitor>(
+      [] { return std::make_shared<LinuxMemoryPressureMonitor>(); });
   return *slot;
 }
 
 }  // namespace
 
-std::shared_ptr<MemoryPressureMonitor> currentMemoryPressureMonitor() {
-  MonitorSlot& slot = monitorSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  return slot.installed;
-}
+std::shared_ptr<MemoryPressureMonitor> currentMemoryPressureMonitor() { return monitorSlot().shared(); }
 
 std::shared_ptr<MemoryPressureMonitor> setMemoryPressureMonitor(std::shared_ptr<MemoryPressureMonitor> monitor) {
-  MonitorSlot& slot = monitorSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.ensureSystemLocked();
-  if (!monitor) monitor = slot.system;
-  bool known = false;
-  for (const auto& retained : slot.retained) known = known || retained == monitor;
-  if (!known) slot.retained.push_back(monitor);
-  return std::exchange(slot.installed, std::move(monitor));
+  return monitorSlot().exchange(std::move(monitor));
 }
 
 MemoryWarningRegistration observeMemoryWarnings(std::shared_ptr<DispatchQueue> queue,
