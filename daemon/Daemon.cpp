@@ -472,10 +472,16 @@ void Daemon::handleRequest(sd_bus_message* call) {
   request.application = *app;
   std::shared_ptr<StoreEntry> entry = storeFor(path->string());
   sd_bus_message_ref(call);
-  entry->queue->async([this, call, entry, request = std::move(request)] { postReply(call, perform(*entry, request)); });
+  entry->queue->async([this, call, entry, request = std::move(request)] {
+    bool changed = false;
+    postReply(call, perform(*entry, request, &changed));
+    // The reply goes first: posting waits for the notification connection,
+    // and the sender should not wait for that as well as for its file.
+    if (changed) postChangeNotification();
+  });
 }
 
-PropertyList Daemon::perform(StoreEntry& entry, const Request& request) {
+PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* changed) {
   Store& store = entry.store;
   if (request.message == kZKVMessageRegister) {
     if (!request.sender.empty()) store.addClient(request.sender);
@@ -515,7 +521,7 @@ PropertyList Daemon::perform(StoreEntry& entry, const Request& request) {
   if (outcome.written) {
     log().log(LogLevel::Debug, "velmorad: " + store.path().string() + " now at change count " +
                                    std::to_string(outcome.changeCount));
-    postChangeNotification();
+    *changed = true;
   }
   for (const std::string& key : outcome.refusedKeys) {
     log().log(LogLevel::Default, "velmorad: key \"" + key + "\" of " + store.path().string() + " is over a limit");

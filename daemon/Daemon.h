@@ -112,8 +112,9 @@ class Daemon {
 
   // On entry's queue: the reply dictionary for one store request (register,
   // unregister, synchronize, discardJournalEntries, printDebugDescription).
-  // Blocks on file I/O; errors become "error" replies.
-  velmora::PropertyList perform(StoreEntry& entry, const Request& request);
+  // Blocks on file I/O; errors become "error" replies. *changed is set when
+  // the store changed and its observers must hear of it.
+  velmora::PropertyList perform(StoreEntry& entry, const Request& request, bool* changed);
   // On the global queue: the replies of "resetapps" and "migrate". Sync onto
   // store queues; block on file I/O.
   velmora::PropertyList resetApps();
