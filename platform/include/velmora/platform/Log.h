@@ -22,6 +22,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "velmora/platform/Export.h"
+
 namespace velmora {
 
 class Environment;
@@ -68,7 +70,7 @@ LogSink& currentLogSink();
 
 // A named log channel: a subsystem (reverse-DNS text) and a category. Cheap to
 // copy; immutable, so one handle may be used from any thread.
-class LogHandle {
+class VELMORA_EXPORT LogHandle {
  public:
   LogHandle(std::string subsystem, std::string category);
 

@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "velmora/platform/Export.h"
 #include "velmora/platform/PropertyList.h"
 
 namespace velmora {
@@ -42,7 +43,7 @@ struct Notification {
 using ObserverToken = std::uint64_t;
 inline constexpr ObserverToken kNoObserverToken = 0;
 
-class NotificationCenter {
+class VELMORA_EXPORT NotificationCenter {
  public:
   // An empty, private centre. It must outlive every post, add and remove
   // made on it.

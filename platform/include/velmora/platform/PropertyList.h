@@ -21,6 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "velmora/platform/Export.h"
+
 namespace velmora {
 
 // A byte buffer. Data values share one immutable Bytes payload.
@@ -51,7 +53,7 @@ enum class PlistType : std::uint8_t {
 // absolute clock.
 inline constexpr double kAbsoluteTimeIntervalSince1970 = 978307200.0;
 
-class PropertyList {
+class VELMORA_EXPORT PropertyList {
  public:
   // The none value. Containers may hold none only transiently: a value that
   // holds none anywhere is not valid for the binary format.
@@ -171,10 +173,10 @@ class PropertyList {
 };
 
 // Dictionary building helpers for readable call sites and tests.
-PropertyList makeDictionary(std::initializer_list<std::pair<const std::string, PropertyList>> entries);
-PropertyList makeArray(std::initializer_list<PropertyList> items);
+VELMORA_EXPORT PropertyList makeDictionary(std::initializer_list<std::pair<const std::string, PropertyList>> entries);
+VELMORA_EXPORT PropertyList makeArray(std::initializer_list<PropertyList> items);
 
 // Is this byte range valid UTF-8 (NUL allowed, no overlongs, no surrogates)?
-bool isValidUtf8(std::string_view s) noexcept;
+VELMORA_EXPORT bool isValidUtf8(std::string_view s) noexcept;
 
 }  // namespace velmora

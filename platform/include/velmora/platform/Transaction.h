@@ -7,9 +7,11 @@
 #include <functional>
 #include <string_view>
 
+#include "velmora/platform/Export.h"
+
 namespace velmora {
 
-class KeepAliveTransaction {
+class VELMORA_EXPORT KeepAliveTransaction {
  public:
   // Opens a transaction: the active count goes up by one and the observer is
   // told the new count, on this thread, before the constructor returns.
