@@ -1,0 +1,140 @@
+// SyncNode (see Server.h for the design note).
+#include "Server.h"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+#include <chrono>
+#include <climits>
+
+#include "velmora/platform/Log.h"
+
+namespace velmora::server {
+namespace {
+
+const velmora::LogHandle& log() {
+  static const velmora::LogHandle handle("com.vantrel.velmora.server", "Default");
+  return handle;
+}
+
+constexpr int kKeepaliveTimeMs = 60000;
+constexpr int kKeepaliveTimeoutMs = 20000;
+constexpr int kMinClientPingIntervalMs = 10000;
+constexpr auto kShutdownGrace = std::chrono::seconds(5);
+
+}  // namespace
+
+std::optional<std::pair<std::string, int>> parseListenAddress(const std::string& address) {
+  const std::size_t colon = address.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == address.size()) return std::nullopt;
+  std::string host = address.substr(0, colon);
+  const bool bracketed = host.front() == '[';
+  if (bracketed != (host.back() == ']')) return std::nullopt;
+  // An unbracketed host with a colon is an IPv6 address without its brackets.
+  if (!bracketed && host.find(':') != std::string::npos) return std::nullopt;
+  int port = -1;
+  const char* begin = address.data() + colon + 1;
+  const char* end = address.data() + address.size();
+  auto [last, ec] = std::from_chars(begin, end, port);
+  if (ec != std::errc() || last != end || port < 0 || port > 65535) return std::nullopt;
+  return std::make_pair(std::move(host), port);
+}
+
+bool isLoopbackHost(const std::string& host) {
+  if (host == "localhost") return true;
+  std::string bare = host;
+  if (bare.size() >= 2 && bare.front() == '[' && bare.back() == ']') bare = bare.substr(1, bare.size() - 2);
+  in_addr v4{};
+  if (inet_pton(AF_INET, bare.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  in6_addr v6{};
+  if (inet_pton(AF_INET6, bare.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
+  return false;
+}
+
+SyncNode::SyncNode(Storage& storage, const NodeOptions& options)
+    : storage_(storage),
+      core_(storage, hub_, options.limits, options.clock ? options.clock : systemClock()),
+      service_(core_) {}
+
+std::unique_ptr<SyncNode> SyncNode::start(Storage& storage, const NodeOptions& options, std::string* error) {
+  std::optional<std::pair<std::string, int>> parsed = parseListenAddress(options.listen);
+  if (!parsed) {
+    *error = "malformed listen address \"" + options.listen + "\" (expected HOST:PORT)";
+    return nullptr;
+  }
+  const bool tls = !options.tlsCertificate.empty() || !options.tlsKey.empty();
+  if (tls && (options.tlsCertificate.empty() || options.tlsKey.empty())) {
+    *error = "TLS needs both a certificate and a key";
+    return nullptr;
+  }
+  if (!tls && !isLoopbackHost(parsed->first)) {
+    *error = "listening on " + parsed->first + " needs TLS (--tls-cert and --tls-key); plaintext only on loopback";
+    return nullptr;
+  }
+
+  std::unique_ptr<SyncNode> node(new SyncNode(storage, options));
+  std::shared_ptr<grpc::ServerCredentials> credentials;
+  if (tls) {
+    grpc::SslServerCredentialsOptions ssl;
+    ssl.pem_key_cert_pairs.push_back({options.tlsKey, options.tlsCertificate});
+    credentials = grpc::SslServerCredentials(ssl);
+  } else {
+    credentials = grpc::InsecureServerCredentials();
+  }
+
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort(options.listen, credentials, &node->port_);
+  builder.RegisterService(&node->service_);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTimeMs);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMs);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, kMinClientPingIntervalMs);
+  // Keepalive pings continue on a connection whose only call is an idle watch.
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
+  // A push of a full store: every value may be at its limit, and a store's
+  // values may sum to max_key_data_sum.
+  const std::int64_t largestPush = std::max<std::int64_t>(8 << 20, 2 * options.limits.maxKeyDataSum + (1 << 20));
+  builder.SetMaxReceiveMessageSize(static_cast<int>(std::min<std::int64_t>(largestPush, INT_MAX)));
+  node->server_ = builder.BuildAndStart();
+  if (!node->server_ || node->port_ == 0) {
+    *error = "cannot listen on " + options.listen + (tls ? " (or the TLS certificate or key is unusable)" : "");
+    node->server_.reset();
+    return nullptr;
+  }
+  node->address_ = parsed->first + ":" + std::to_string(node->port_);
+
+  WatchHub* hub = &node->hub_;
+  storage.setChangeListener(
+      [hub](const ChangeNotice& change) {
+        pb::WatchNotice notice;
+        notice.set_store(change.store);
+        notice.set_revision(change.revision);
+        notice.set_origin_device(change.originDevice);
+        hub->publish(change.accountId, notice);
+      },
+      [hub] {
+        // Other nodes' notices may have been missed: the devices watch again
+        // and pull, which finds whatever changed.
+        hub->closeAll(grpc::Status(grpc::StatusCode::UNAVAILABLE, "lost contact with the other nodes"), false);
+      });
+  log().logf(LogLevel::Default, "serving on %s (%s)", node->address_.c_str(), tls ? "TLS" : "plaintext");
+  return node;
+}
+
+SyncNode::~SyncNode() { shutdown(); }
+
+void SyncNode::shutdown() {
+  if (!server_) return;
+  hub_.closeAll(grpc::Status(grpc::StatusCode::UNAVAILABLE, "the server is shutting down"), true);
+  // gRPC's own grace period would also wait for idle devices to hang up,
+  // which a device that is not polling its connection does only after
+  // seconds: wait for the calls instead, then cut every connection.
+  service_.waitUntilIdle(std::chrono::steady_clock::now() + kShutdownGrace);
+  server_->Shutdown(std::chrono::system_clock::now());
+  server_->Wait();
+  server_.reset();
+  // The storage may outlive the node: nothing may publish into the hub now.
+  storage_.setChangeListener({}, {});
+}
+
+}  // namespace velmora::server

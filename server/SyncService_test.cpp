@@ -1,0 +1,421 @@
+// The service's rules against both storage backends: the conflict rule,
+// refusals, limits, paging, accounts kept apart, revisions under concurrent
+// pushes through several nodes, and (PostgreSQL) notices between nodes.
+#include "SyncService.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "Accounts.h"
+#include "PostgresCluster.h"
+#include "PostgresStorage.h"
+#include "PrivateBus.h"  // waitUntil
+#include "ScratchEnvironment.h"
+#include "ServerTestSupport.h"
+#include "SqliteStorage.h"
+
+namespace velmora::server {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::deletion;
+using testing::kNow;
+using testing::pushOf;
+using testing::valueRecord;
+using Status = pb::PushResult::Status;
+
+enum class Backend { Sqlite, Postgres };
+
+// Records the notices a hub hands to one watch.
+class RecordingSubscriber final : public WatchHub::Subscriber {
+ public:
+  void deliver(const pb::WatchNotice& notice) override {
+    std::lock_guard lock(mutex_);
+    notices_.push_back(notice);
+  }
+  void close(const grpc::Status&) override {}
+  std::vector<pb::WatchNotice> notices() const {
+    std::lock_guard lock(mutex_);
+    return notices_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<pb::WatchNotice> notices_;
+};
+
+class SyncServiceTest : public ::testing::TestWithParam<Backend> {
+ protected:
+  void SetUp() override {
+    if (GetParam() == Backend::Postgres) {
+      VELMORA_REQUIRE_POSTGRES(conninfo_);
+    } else {
+      directory_ = std::make_unique<velmora::testing::ScratchDirectory>("velmora-server-test");
+    }
+    storage_ = openAnother();
+    ASSERT_NE(storage_, nullptr);
+    alice_ = makeAccount("alice");
+    bob_ = makeAccount("bob");
+    core_ = makeCore(*storage_, Limits{});
+  }
+
+  // Another connection to the same database: for PostgreSQL another node.
+  std::unique_ptr<Storage> openAnother() {
+    std::string error;
+    std::unique_ptr<Storage> storage = GetParam() == Backend::Postgres
+                                           ? openPostgresStorage(conninfo_, &error, 2)
+                                           : openSqliteStorage(directory_->file("sync.sqlite"), &error);
+    EXPECT_NE(storage, nullptr) << error;
+    return storage;
+  }
+
+  std::unique_ptr<SyncCore> makeCore(Storage& storage, Limits limits) {
+    return std::make_unique<SyncCore>(storage, hub_, limits, [] { return kNow; });
+  }
+
+  Account makeAccount(const std::string& name) {
+    Result<Account> account = storage_->addAccount(name, hashToken(name + "-token"));
+    EXPECT_TRUE(account.ok()) << account.error();
+    return account.ok() ? account.value() : Account{};
+  }
+
+  // Pushes and returns the reply, failing the test on a non-OK status.
+  pb::PushReply push(const pb::PushRequest& request, const Account& account, SyncCore* core = nullptr) {
+    pb::PushReply reply;
+    grpc::Status status = (core ? core : core_.get())->push(account, request, &reply);
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    return reply;
+  }
+  pb::PushReply push(const pb::PushRequest& request) { return push(request, alice_); }
+
+  pb::PullReply pull(const std::string& store, std::int64_t since = 0, int limit = 0, const Account* account = nullptr) {
+    pb::PullRequest request;
+    request.set_store(store);
+    request.set_since_revision(since);
+    request.set_limit(limit);
+    pb::PullReply reply;
+    grpc::Status status = core_->pull(account ? *account : alice_, request, &reply);
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    return reply;
+  }
+
+  std::string conninfo_;
+  std::unique_ptr<velmora::testing::ScratchDirectory> directory_;
+  WatchHub hub_;
+  std::unique_ptr<Storage> storage_;
+  std::unique_ptr<SyncCore> core_;
+  Account alice_;
+  Account bob_;
+};
+
+TEST_P(SyncServiceTest, LastWriterWinsByTimestampAndTiesGoToTheLaterArrival) {
+  pb::PushReply first = push(pushOf("app", "dev-a", {valueRecord("k", "one", 100), valueRecord("other", "x", 100)}));
+  ASSERT_EQ(first.results_size(), 2);
+  EXPECT_EQ(first.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(first.results(0).winner().revision(), 1);
+  EXPECT_EQ(first.results(0).winner().origin_device(), "dev-a");
+  EXPECT_EQ(first.results(1).key(), "other");
+  EXPECT_EQ(first.revision(), 2);
+
+  // Older: loses, and the device learns what won.
+  pb::PushReply older = push(pushOf("app", "dev-b", {valueRecord("k", "zero", 99)}));
+  EXPECT_EQ(older.results(0).status(), pb::PushResult::SUPERSEDED);
+  EXPECT_EQ(older.results(0).winner().value(), valueRecord("k", "one", 100).value());
+  EXPECT_EQ(older.results(0).winner().revision(), 1);
+  EXPECT_EQ(older.revision(), 2);
+
+  // Same timestamp, arriving later: wins.
+  pb::PushReply tie = push(pushOf("app", "dev-b", {valueRecord("k", "two", 100, true)}));
+  EXPECT_EQ(tie.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(tie.results(0).winner().revision(), 3);
+  EXPECT_TRUE(tie.results(0).winner().gzipped());
+  EXPECT_EQ(tie.results(0).winner().origin_device(), "dev-b");
+
+  // A retried push changes nothing and takes no revision.
+  pb::PushReply retry = push(pushOf("app", "dev-b", {valueRecord("k", "two", 100, true)}));
+  EXPECT_EQ(retry.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(retry.results(0).winner().revision(), 3);
+  EXPECT_EQ(retry.revision(), 3);
+
+  // A deletion is a record like any other: it wins by time and beats older writes.
+  pb::PushReply removed = push(pushOf("app", "dev-a", {deletion("k", 101)}));
+  EXPECT_EQ(removed.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_TRUE(removed.results(0).winner().deleted());
+  pb::PushReply late = push(pushOf("app", "dev-c", {valueRecord("k", "three", 100)}));
+  EXPECT_EQ(late.results(0).status(), pb::PushResult::SUPERSEDED);
+  EXPECT_TRUE(late.results(0).winner().deleted());
+
+  pb::PullReply all = pull("app");
+  ASSERT_EQ(all.records_size(), 2);
+  EXPECT_EQ(all.records(0).key(), "other");
+  EXPECT_EQ(all.records(1).key(), "k");
+  EXPECT_TRUE(all.records(1).deleted());
+  EXPECT_TRUE(all.records(1).value().empty());
+  EXPECT_EQ(all.records(1).revision(), 4);
+}
+
+TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
+  pb::Record empty = valueRecord("", "v", 100);
+  pb::Record zero = valueRecord("zero", "v", 100);
+  zero.set_timestamp(0);
+  pb::Record garbage = valueRecord("garbage", "v", 100);
+  garbage.set_value("not a value");
+  pb::Record falseGzip = valueRecord("falsegzip", "v", 100);
+  falseGzip.set_gzipped(true);
+  pb::Record mismatch = valueRecord("mismatch", "v", 100);
+  mismatch.set_timestamp(101);
+  pb::Record nul = valueRecord(std::string("a\0b", 3), "v", 100);
+  pb::PushReply reply = push(pushOf("app", "dev", {empty, zero, garbage, falseGzip, mismatch, nul,
+                                                   valueRecord("soon", "v", kNow + kMaxFutureSeconds),
+                                                   valueRecord("later", "v", kNow + kMaxFutureSeconds + 1)}));
+  const std::vector<Status> expected = {pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
+                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
+                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
+                                        pb::PushResult::ACCEPTED,        pb::PushResult::REFUSED_FUTURE};
+  ASSERT_EQ(reply.results_size(), static_cast<int>(expected.size()));
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(reply.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
+  }
+  EXPECT_FALSE(reply.results(7).reason().empty());
+
+  // A future write to a key the server has comes back with the stored record.
+  pb::PushReply future = push(pushOf("app", "dev", {valueRecord("soon", "v2", kNow + kMaxFutureSeconds + 60)}));
+  EXPECT_EQ(future.results(0).status(), pb::PushResult::REFUSED_FUTURE);
+  EXPECT_EQ(future.results(0).winner().timestamp(), kNow + kMaxFutureSeconds);
+
+  pb::PullReply stored = pull("app");
+  ASSERT_EQ(stored.records_size(), 1);
+  EXPECT_EQ(stored.records(0).key(), "soon");
+
+  // Bad names refuse the whole call.
+  pb::PushReply ignored;
+  for (const std::string& store : {std::string(), std::string("a\0b", 3), std::string(kMaxNameBytes + 1, 's')}) {
+    EXPECT_EQ(core_->push(alice_, pushOf(store, "dev", {valueRecord("k", "v", 100)}), &ignored).error_code(),
+              grpc::StatusCode::INVALID_ARGUMENT);
+  }
+}
+
+TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
+  const auto size = [](const std::string& text) { return static_cast<std::int64_t>(testing::serialised(text, 1).size()); };
+  const std::string hundred(100, 'h');
+  const std::string ten(10, 't');
+  Limits limits;
+  limits.maxKeyCount = 3;
+  limits.maxKeyNameLen = 8;
+  limits.maxKeyDataLen = size(hundred);
+  limits.maxKeyDataSum = 2 * size(hundred) + size(ten) + 5;
+  std::unique_ptr<SyncCore> core = makeCore(*storage_, limits);
+
+  // Sizes count the uncompressed value: a value that gzips small is still too long.
+  pb::PushReply first = push(pushOf("app", "dev", {valueRecord("a", hundred, 100), valueRecord("longername", ten, 100),
+                                                   valueRecord("big", hundred + "h", 100),
+                                                   valueRecord("zipped", std::string(4000, 'z'), 100, true),
+                                                   valueRecord("b", hundred, 100), valueRecord("c", hundred, 100),
+                                                   valueRecord("c", ten, 101)}),
+                             alice_, core.get());
+  const std::vector<Status> expected = {pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
+                                        pb::PushResult::REFUSED_LIMIT, pb::PushResult::REFUSED_LIMIT,
+                                        pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
+                                        pb::PushResult::ACCEPTED};
+  ASSERT_EQ(first.results_size(), static_cast<int>(expected.size()));
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(first.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
+  }
+  EXPECT_FALSE(first.results(1).has_winner());  // the server has no record of a refused new key
+
+  // A fourth key breaks the count; deleting one makes room.
+  pb::PushReply full = push(pushOf("app", "dev", {valueRecord("d", "x", 100)}), alice_, core.get());
+  EXPECT_EQ(full.results(0).status(), pb::PushResult::REFUSED_LIMIT);
+  pb::PushReply room = push(pushOf("app", "dev", {deletion("a", 102), valueRecord("d", "x", 100)}), alice_, core.get());
+  EXPECT_EQ(room.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(room.results(1).status(), pb::PushResult::ACCEPTED);
+
+  // Growing past the sum is refused with the stored record; shrinking a
+  // store that is over the sum (after the limit dropped) is not.
+  pb::PushReply grow = push(pushOf("app", "dev", {valueRecord("d", hundred, 103), valueRecord("c", ten + ten, 103)}),
+                            alice_, core.get());
+  EXPECT_EQ(grow.results(0).status(), pb::PushResult::ACCEPTED);  // up to 5 bytes under the sum
+  EXPECT_EQ(grow.results(1).status(), pb::PushResult::REFUSED_LIMIT);
+  EXPECT_EQ(grow.results(1).winner().value(), valueRecord("c", ten, 101).value());
+  limits.maxKeyDataSum = size(ten);
+  std::unique_ptr<SyncCore> tighter = makeCore(*storage_, limits);
+  pb::PushReply shrink = push(pushOf("app", "dev", {valueRecord("b", ten, 104)}), alice_, tighter.get());
+  EXPECT_EQ(shrink.results(0).status(), pb::PushResult::ACCEPTED);
+
+  // A gzip stream that inflates far past the value limit is stopped early.
+  pb::PushReply bomb = push(pushOf("app", "dev", {valueRecord("b", std::string(8 << 20, 'b'), 105, true)}), alice_,
+                            core.get());
+  EXPECT_EQ(bomb.results(0).status(), pb::PushResult::REFUSED_LIMIT);
+  EXPECT_EQ(bomb.results(0).winner().timestamp(), 104);
+}
+
+TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) {
+  push(pushOf("s1", "dev", {valueRecord("k1", "a", 100), valueRecord("k2", "a", 100), valueRecord("k3", "a", 100)}));
+  push(pushOf("s2", "dev", {valueRecord("x", "a", 100)}));
+  push(pushOf("s1", "dev", {valueRecord("k1", "b", 101)}));
+
+  pb::PullReply all = pull("s1");
+  ASSERT_EQ(all.records_size(), 3);
+  EXPECT_EQ(all.records(0).key(), "k2");
+  EXPECT_EQ(all.records(2).key(), "k1");
+  EXPECT_EQ(all.records(2).revision(), 5);
+  EXPECT_EQ(all.records(2).value(), valueRecord("k1", "b", 101).value());
+  EXPECT_TRUE(all.complete());
+  EXPECT_EQ(all.revision(), 5);
+
+  pb::PullReply page = pull("s1", 0, 2);
+  ASSERT_EQ(page.records_size(), 2);
+  EXPECT_FALSE(page.complete());
+  EXPECT_EQ(page.revision(), 3);
+  pb::PullReply rest = pull("s1", page.revision(), 2);
+  ASSERT_EQ(rest.records_size(), 1);
+  EXPECT_EQ(rest.records(0).key(), "k1");
+  EXPECT_TRUE(rest.complete());
+
+  // The cursor of a complete pull is the account's revision.
+  pb::PullReply other = pull("s2");
+  ASSERT_EQ(other.records_size(), 1);
+  EXPECT_EQ(other.revision(), 5);
+  EXPECT_EQ(pull("s2", other.revision()).records_size(), 0);
+
+  pb::ListStoresReply stores;
+  ASSERT_TRUE(core_->listStores(alice_, &stores).ok());
+  ASSERT_EQ(stores.stores_size(), 2);
+  EXPECT_EQ(stores.stores(0).store(), "s1");
+  EXPECT_EQ(stores.stores(0).revision(), 5);
+  EXPECT_EQ(stores.stores(1).revision(), 4);
+
+  // Another account: its own revisions, none of alice's records, and only
+  // its own watchers hear of its writes.
+  auto aliceWatch = std::make_shared<RecordingSubscriber>();
+  auto bobWatch = std::make_shared<RecordingSubscriber>();
+  ASSERT_TRUE(hub_.add(alice_.id, aliceWatch));
+  ASSERT_TRUE(hub_.add(bob_.id, bobWatch));
+  EXPECT_EQ(pull("s1", 0, 0, &bob_).records_size(), 0);
+  pb::PushReply bobs = push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
+  EXPECT_EQ(bobs.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(bobs.revision(), 1);
+  EXPECT_EQ(pull("s1").records(2).value(), valueRecord("k1", "b", 101).value());
+  ASSERT_EQ(bobWatch->notices().size(), 1u);
+  EXPECT_EQ(bobWatch->notices()[0].store(), "s1");
+  EXPECT_EQ(bobWatch->notices()[0].revision(), 1);
+  EXPECT_EQ(bobWatch->notices()[0].origin_device(), "bob-dev");
+  EXPECT_TRUE(aliceWatch->notices().empty());
+  // A push that writes nothing wakes nobody.
+  push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
+  EXPECT_EQ(bobWatch->notices().size(), 1u);
+  hub_.remove(alice_.id, aliceWatch.get());
+  hub_.remove(bob_.id, bobWatch.get());
+  EXPECT_EQ(hub_.size(), 0u);
+}
+
+TEST_P(SyncServiceTest, ConcurrentPushesThroughSeveralNodesGetDistinctRevisions) {
+  constexpr int kNodes = 4;
+  constexpr int kPushes = 25;
+  std::vector<std::unique_ptr<Storage>> storages;
+  std::vector<std::unique_ptr<SyncCore>> cores;
+  for (int i = 0; i < kNodes; ++i) {
+    storages.push_back(openAnother());
+    ASSERT_NE(storages.back(), nullptr);
+    cores.push_back(makeCore(*storages.back(), Limits{}));
+  }
+  std::mutex mutex;
+  std::vector<std::int64_t> revisions;
+  std::vector<std::thread> threads;
+  for (int node = 0; node < kNodes; ++node) {
+    threads.emplace_back([&, node] {
+      for (int i = 0; i < kPushes; ++i) {
+        // Each node's own key, and one key every node fights over with
+        // distinct timestamps: the highest must end up stored.
+        const std::int64_t timestamp = 1000 + i * kNodes + node;
+        pb::PushRequest request =
+            pushOf("app", "node" + std::to_string(node),
+                   {valueRecord("own" + std::to_string(node) + "-" + std::to_string(i), "v", timestamp),
+                    valueRecord("shared", "from " + std::to_string(node), timestamp)});
+        pb::PushReply reply;
+        grpc::Status status = cores[static_cast<std::size_t>(node)]->push(alice_, request, &reply);
+        std::lock_guard lock(mutex);
+        ASSERT_TRUE(status.ok()) << status.error_message();
+        for (const pb::PushResult& result : reply.results()) {
+          if (result.status() == pb::PushResult::ACCEPTED) revisions.push_back(result.winner().revision());
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  std::set<std::int64_t> distinct(revisions.begin(), revisions.end());
+  EXPECT_EQ(distinct.size(), revisions.size()) << "a revision was handed out twice";
+  EXPECT_EQ(*distinct.begin(), 1);
+  EXPECT_EQ(*distinct.rbegin(), static_cast<std::int64_t>(revisions.size())) << "revisions have gaps";
+  pb::PullReply all = pull("app", 0, kMaxPullLimit);
+  ASSERT_EQ(all.records_size(), kNodes * kPushes + 1);
+  EXPECT_EQ(all.revision(), static_cast<std::int64_t>(revisions.size()));
+  for (const pb::Record& record : all.records()) {
+    if (record.key() == "shared") {
+      EXPECT_EQ(record.timestamp(), 1000 + (kPushes - 1) * kNodes + kNodes - 1);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, SyncServiceTest, ::testing::Values(Backend::Sqlite, Backend::Postgres),
+                         [](const ::testing::TestParamInfo<Backend>& info) {
+                           return info.param == Backend::Sqlite ? "Sqlite" : "Postgres";
+                         });
+
+// Nodes over one PostgreSQL hear of each other's writes, not of their own,
+// and a node that lost the database tells its watchers to start over.
+TEST(PostgresNodesTest, WritesReachTheOtherNodesAndAnOutageResetsWatchers) {
+  std::string conninfo;
+  VELMORA_REQUIRE_POSTGRES(conninfo);
+  std::string error;
+  std::unique_ptr<Storage> nodeA = openPostgresStorage(conninfo, &error, 1);
+  ASSERT_NE(nodeA, nullptr) << error;
+  std::unique_ptr<Storage> nodeB = openPostgresStorage(conninfo, &error, 1);
+  ASSERT_NE(nodeB, nullptr) << error;
+  Result<Account> account = nodeA->addAccount("alice", hashToken("t"));
+  ASSERT_TRUE(account.ok()) << account.error();
+
+  std::mutex mutex;
+  std::vector<ChangeNotice> heardByA;
+  std::vector<ChangeNotice> heardByB;
+  std::atomic<int> resetsOfB{0};
+  nodeA->setChangeListener([&](const ChangeNotice& notice) { std::lock_guard lock(mutex); heardByA.push_back(notice); },
+                           [] {});
+  nodeB->setChangeListener([&](const ChangeNotice& notice) { std::lock_guard lock(mutex); heardByB.push_back(notice); },
+                           [&] { ++resetsOfB; });
+
+  WatchHub hub;
+  SyncCore coreA(*nodeA, hub, Limits{}, [] { return kNow; });
+  pb::PushReply reply;
+  ASSERT_TRUE(coreA.push(account.value(), pushOf("org.example.App", "dev-a", {valueRecord("k", "v", 100)}), &reply).ok());
+  ASSERT_TRUE(velmora::testing::waitUntil([&] { std::lock_guard lock(mutex); return !heardByB.empty(); }, 10s));
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(heardByB[0].accountId, account->id);
+    EXPECT_EQ(heardByB[0].store, "org.example.App");
+    EXPECT_EQ(heardByB[0].revision, 1);
+    EXPECT_EQ(heardByB[0].originDevice, "dev-a");
+    EXPECT_TRUE(heardByA.empty()) << "a node heard its own write";
+  }
+
+  // The database goes away and comes back: B's listener reconnects and
+  // resets its watchers; A's pool reconnects on its next request.
+  std::string clusterError;
+  velmora::testing::PostgresCluster* cluster = velmora::testing::PostgresCluster::shared(&clusterError);
+  ASSERT_TRUE(cluster->pause(&clusterError)) << clusterError;
+  ASSERT_TRUE(cluster->resume(&clusterError)) << clusterError;
+  EXPECT_TRUE(velmora::testing::waitUntil([&] { return resetsOfB.load() > 0; }, 15s));
+  pb::PushReply again;
+  grpc::Status status = coreA.push(account.value(), pushOf("org.example.App", "dev-a", {valueRecord("k", "w", 101)}), &again);
+  ASSERT_TRUE(status.ok()) << status.error_message();
+  EXPECT_EQ(again.results(0).winner().revision(), 2);
+  EXPECT_TRUE(velmora::testing::waitUntil([&] { std::lock_guard lock(mutex); return heardByB.size() == 2; }, 10s));
+}
+
+}  // namespace
+}  // namespace velmora::server

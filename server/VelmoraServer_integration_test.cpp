@@ -1,0 +1,242 @@
+// The built velmora-server as devices meet it: its command line, TLS off
+// loopback, a restart under an open watch, and two nodes over one
+// PostgreSQL waking each other's watchers.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "PostgresCluster.h"
+#include "PrivateBus.h"  // ChildProcess, waitUntil
+#include "ScratchEnvironment.h"
+#include "ServerTestSupport.h"
+
+namespace velmora::server {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::OpenWatch;
+using testing::openWatch;
+using testing::pushOf;
+using testing::TokenClient;
+using testing::valueRecord;
+using velmora::testing::ChildProcess;
+namespace pb = ::velmora::sync::v1;
+
+const std::string kServer = std::string(VELMORA_BINARY_DIR) + "/server/velmora-server";
+
+// Timestamps near the real clock: the server refuses the far future.
+std::int64_t now() {
+  return static_cast<std::int64_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count()) -
+         978307200;
+}
+
+// Runs velmora-server with args to the end; its exit status and first line of output.
+std::pair<int, std::string> runToEnd(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {kServer};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::unique_ptr<ChildProcess> child = ChildProcess::start(argv);
+  if (!child) return {-1, ""};
+  std::string line = child->readLine(10s).value_or("");
+  std::optional<int> status = child->waitForExit(10s);
+  if (!status || !WIFEXITED(*status)) return {-1, line};
+  return {WEXITSTATUS(*status), line};
+}
+
+// A new account's token, or "" (after a test failure).
+std::string addAccount(const std::string& name, const std::vector<std::string>& storage) {
+  std::vector<std::string> args = {"account", "add", name};
+  args.insert(args.end(), storage.begin(), storage.end());
+  auto [status, token] = runToEnd(args);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::regex_match(token, std::regex("[A-Za-z0-9_-]{43}"))) << token;
+  return token;
+}
+
+// A running server node.
+struct RunningServer {
+  std::unique_ptr<ChildProcess> process;
+  std::string address;  // HOST:PORT it reported
+  int port = 0;
+};
+
+// Starts "velmora-server serve --listen listen <extra>" and waits for its
+// "listening on" line; process null (after a test failure) when it does not come.
+RunningServer serve(const std::string& listen, const std::vector<std::string>& extra) {
+  std::vector<std::string> argv = {kServer, "serve", "--listen", listen};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  RunningServer server;
+  server.process = ChildProcess::start(argv);
+  if (!server.process) {
+    ADD_FAILURE() << "cannot start " << kServer;
+    return server;
+  }
+  std::optional<std::string> line = server.process->readLine(20s);
+  std::smatch match;
+  if (!line || !std::regex_match(*line, match, std::regex("listening on (.*):([0-9]+)"))) {
+    ADD_FAILURE() << "no \"listening on\" line, got: " << line.value_or("(nothing)");
+    server.process.reset();
+    return server;
+  }
+  server.port = std::stoi(match[2]);
+  server.address = match[1].str() + ":" + match[2].str();
+  return server;
+}
+
+// Sends SIGTERM and expects a clean exit.
+void stopCleanly(RunningServer& server) {
+  server.process->signal(SIGTERM);
+  std::optional<int> status = server.process->waitForExit(15s);
+  ASSERT_TRUE(status) << "the server did not stop";
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "wait status " << *status;
+}
+
+TEST(VelmoraServerTest, CommandLineRefusesWhatItCannotServeSafely) {
+  velmora::testing::ScratchDirectory directory("velmora-server-cli");
+  const std::string db = directory.file("sync.sqlite");
+  // Plaintext off loopback, and malformed command lines: exit 2 before serving.
+  const std::vector<std::vector<std::string>> refused = {
+      {"serve", "--listen", "0.0.0.0:0", "--sqlite", db},
+      {"serve", "--listen", "[::]:0", "--sqlite", db},
+      {"serve", "--sqlite", db},
+      {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--postgres", "dbname=x"},
+      {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-key-count", "0"},
+      {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--tls-cert", db},
+      {"frobnicate"},
+      {"account", "add", "--sqlite", db},
+  };
+  for (const auto& args : refused) {
+    auto [status, line] = runToEnd(args);
+    EXPECT_EQ(status, 2) << args[0] << " " << (args.size() > 2 ? args[2] : "");
+    EXPECT_EQ(line.find("listening"), std::string::npos);
+  }
+  const std::string token = addAccount("alice", {"--sqlite", db});
+  EXPECT_EQ(runToEnd({"account", "add", "alice", "--sqlite", db}).first, 1) << "a second alice";
+  EXPECT_NE(addAccount("bob", {"--sqlite", db}), token);
+}
+
+TEST(VelmoraServerTest, ServesTlsOffLoopbackWithTheGivenCertificate) {
+  if (access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "no openssl command to make a certificate";
+  velmora::testing::ScratchDirectory directory("velmora-server-tls");
+  const std::string cert = directory.file("cert.pem");
+  const std::string key = directory.file("key.pem");
+  const std::string make = "/usr/bin/openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+                           " -keyout " + key + " -out " + cert +
+                           " -days 2 -subj /CN=localhost -addext subjectAltName=DNS:localhost 2>/dev/null";
+  ASSERT_EQ(std::system(make.c_str()), 0);
+  const std::string db = directory.file("sync.sqlite");
+  const std::string token = addAccount("alice", {"--sqlite", db});
+
+  RunningServer server = serve("0.0.0.0:0", {"--sqlite", db, "--tls-cert", cert, "--tls-key", key});
+  ASSERT_TRUE(server.process);
+  // By address, with the certificate's name checked: resolving "localhost"
+  // would bring in the DNS resolver, which leaks at exit.
+  const std::string target = "127.0.0.1:" + std::to_string(server.port);
+  grpc::SslCredentialsOptions ssl;
+  ssl.pem_root_certs = velmora::testing::readFile(cert).value_or("");
+  grpc::ChannelArguments args;
+  args.SetSslTargetNameOverride("localhost");
+  TokenClient secure(grpc::CreateCustomChannel(target, grpc::SslCredentials(ssl), args), token);
+  pb::PushReply reply;
+  grpc::Status status = secure.push(pushOf("app", "dev", {valueRecord("k", "v", now())}), &reply);
+  EXPECT_TRUE(status.ok()) << status.error_message();
+
+  TokenClient plain = TokenClient::plaintext(target, token);
+  EXPECT_FALSE(plain.push(pushOf("app", "dev", {valueRecord("k", "v", now())}), &reply).ok());
+  stopCleanly(server);
+}
+
+TEST(VelmoraServerTest, AWatchingDeviceSurvivesAServerRestart) {
+  velmora::testing::ScratchDirectory directory("velmora-server-restart");
+  const std::string db = directory.file("sync.sqlite");
+  const std::string token = addAccount("alice", {"--sqlite", db});
+  RunningServer server = serve("127.0.0.1:0", {"--sqlite", db});
+  ASSERT_TRUE(server.process);
+
+  TokenClient device = TokenClient::plaintext(server.address, token);
+  pb::PushReply reply;
+  ASSERT_TRUE(device.push(pushOf("app", "dev-a", {valueRecord("k1", "v", now())}), &reply).ok());
+  OpenWatch watch = openWatch(device, "dev-b", 60s);
+  ASSERT_TRUE(watch.next());
+
+  stopCleanly(server);
+  EXPECT_FALSE(watch.next());
+  EXPECT_EQ(watch.reader->Finish().error_code(), grpc::StatusCode::UNAVAILABLE);
+
+  // Back on the same port: the same channel reconnects, and nothing was lost.
+  RunningServer again = serve("127.0.0.1:" + std::to_string(server.port), {"--sqlite", db});
+  ASSERT_TRUE(again.process);
+  OpenWatch rewatch = openWatch(device, "dev-b", 60s);
+  rewatch.context->set_wait_for_ready(true);
+  std::optional<pb::WatchNotice> first = rewatch.next();
+  ASSERT_TRUE(first) << rewatch.reader->Finish().error_message();
+  EXPECT_EQ(first->revision(), 1);
+  ASSERT_TRUE(device.push(pushOf("app", "dev-a", {valueRecord("k2", "v", now())}), &reply).ok());
+  std::optional<pb::WatchNotice> change = rewatch.next();
+  ASSERT_TRUE(change);
+  EXPECT_EQ(change->store(), "app");
+  EXPECT_EQ(change->revision(), 2);
+  pb::PullReply pulled;
+  ASSERT_TRUE(device.pull("app", 0, &pulled).ok());
+  EXPECT_EQ(pulled.records_size(), 2);
+  rewatch.context->TryCancel();
+  stopCleanly(again);
+}
+
+TEST(VelmoraServerTest, TwoNodesOverOnePostgresServeOneAccount) {
+  std::string conninfo;
+  VELMORA_REQUIRE_POSTGRES(conninfo);
+  const std::vector<std::string> storage = {"--postgres", conninfo};
+  const std::string token = addAccount("alice", storage);
+  RunningServer nodeA = serve("127.0.0.1:0", storage);
+  RunningServer nodeB = serve("127.0.0.1:0", storage);
+  ASSERT_TRUE(nodeA.process && nodeB.process);
+  TokenClient viaA = TokenClient::plaintext(nodeA.address, token);
+  TokenClient viaB = TokenClient::plaintext(nodeB.address, token);
+
+  OpenWatch watch = openWatch(viaB, "dev-b");
+  std::optional<pb::WatchNotice> first = watch.next();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->revision(), 0);
+  pb::PushReply reply;
+  ASSERT_TRUE(viaA.push(pushOf("org.example.App", "dev-a", {valueRecord("k", "v", now())}), &reply).ok());
+  std::optional<pb::WatchNotice> woken = watch.next();
+  ASSERT_TRUE(woken) << "a write through node A did not wake the watcher on node B";
+  EXPECT_EQ(woken->store(), "org.example.App");
+  EXPECT_EQ(woken->revision(), 1);
+  EXPECT_EQ(woken->origin_device(), "dev-a");
+
+  // Devices writing through both nodes at once never share a revision.
+  std::vector<std::int64_t> revisions[2];
+  std::vector<std::thread> devices;
+  for (int d = 0; d < 2; ++d) {
+    devices.emplace_back([&, d] {
+      TokenClient& client = d == 0 ? viaA : viaB;
+      for (int i = 0; i < 20; ++i) {
+        pb::PushReply r;
+        if (!client.push(pushOf("org.example.App", "dev", {valueRecord("k" + std::to_string(d), std::to_string(i), now())}), &r).ok()) {
+          continue;
+        }
+        revisions[d].push_back(r.results(0).winner().revision());
+      }
+    });
+  }
+  for (std::thread& device : devices) device.join();
+  std::set<std::int64_t> distinct(revisions[0].begin(), revisions[0].end());
+  distinct.insert(revisions[1].begin(), revisions[1].end());
+  EXPECT_EQ(revisions[0].size() + revisions[1].size(), 40u);
+  EXPECT_EQ(distinct.size(), 40u);
+  watch.context->TryCancel();
+  stopCleanly(nodeA);
+  stopCleanly(nodeB);
+}
+
+}  // namespace
+}  // namespace velmora::server
