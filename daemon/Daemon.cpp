@@ -1,6 +1,8 @@
 #include "Daemon.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -17,6 +19,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "AccountConfig.h"
+#include "SyncRecords.h"
 #include "velmora/platform/DbusValue.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
@@ -40,6 +44,9 @@ const velmora::LogHandle& log() { return *ZKVGetDefaultLog(); }
 constexpr std::string_view kChangesKey = "changes";
 constexpr std::string_view kChangeCountKey = "changecount";
 constexpr std::string_view kParameterKey = "parameter";
+constexpr std::string_view kServerKey = "server";
+constexpr std::string_view kTokenKey = "token";
+constexpr std::chrono::milliseconds kSyncCallDeadline{10'000};
 
 // Identifiers that name a file: non-empty, no '/' or NUL, not "." or "..".
 bool isFileSafeIdentifier(const std::string& id) {
@@ -55,6 +62,41 @@ std::optional<std::string> stringEntry(const PlistDictionary& dict, std::string_
   return std::nullopt;
 }
 
+constexpr const char* kMalformedEnvelope = "the request has no message or a field of the wrong type";
+
+// A request envelope's fields, as the bus thread reads them.
+struct Envelope {
+  std::string message;
+  std::optional<std::string> bundle;
+  std::optional<std::string> storeID;
+  bool additional = false;
+  PropertyList userInfo;  // none when absent
+};
+
+// The envelope's fields; nullopt when it has no message or a field of the
+// wrong type. Pure.
+std::optional<Envelope> readEnvelope(const PlistDictionary& dict) {
+  bool wrongType = false;
+  Envelope envelope;
+  const std::optional<std::string> message = stringEntry(dict, kZKVRequestMessageKey, &wrongType);
+  envelope.bundle = stringEntry(dict, kZKVRequestBundleIdentifierKey, &wrongType);
+  envelope.storeID = stringEntry(dict, kZKVRequestStoreIdentifierKey, &wrongType);
+  if (auto it = dict.find(kZKVRequestAdditionalStoreKey); it != dict.end()) {
+    if (!it->second.isBoolean()) wrongType = true;
+    envelope.additional = it->second.booleanValue();
+  }
+  if (!message || wrongType) return std::nullopt;
+  envelope.message = *message;
+  if (auto it = dict.find(kZKVRequestUserInfoKey); it != dict.end()) envelope.userInfo = it->second;
+  return envelope;
+}
+
+// The messages perform() answers on a store's queue.
+bool isStoreMessage(const std::string& message) {
+  return message == kZKVMessageRegister || message == kZKVMessageUnregister || message == kZKVMessageSynchronize ||
+         message == kZKVMessageDiscardJournalEntries || message == kZKVMessagePrintDebugDescription;
+}
+
 void postChangeNotification() {
   if (!velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification)) {
     log().log(LogLevel::Error, "Could not post the store change notification");
@@ -67,16 +109,31 @@ std::optional<std::filesystem::path> storeDirectory() {
   return any->parent_path();
 }
 
+// The lock file of a store file: hidden, beside it, and not a ".plist", so
+// that the operations over every store file pass it by.
+std::filesystem::path lockPathFor(const std::filesystem::path& storeFile) {
+  return storeFile.parent_path() / ("." + storeFile.filename().string() + ".lock");
+}
+
 }  // namespace
 
 // A serial executor with a thread of its own, started on demand and gone
 // after a while idle. A store's work blocks on fsync; on the shared pool
 // (bounded by the core count) a few stores' disk writes would hold up the
 // requests of every other store.
+//
+// Each work item runs under an exclusive flock of a lock file beside the
+// store file: a daemon that lost its bus may still be finishing writes while
+// its successor already serves the same home, and without the lock one of
+// them could rewrite the file from a copy that misses the other's change.
+// Under the lock the Store notices the other's file and reads it again.
 class StoreExecutor {
  public:
-  StoreExecutor() = default;
-  ~StoreExecutor() { stop(); }
+  explicit StoreExecutor(std::filesystem::path lockPath) : lockPath_(std::move(lockPath)) {}
+  ~StoreExecutor() {
+    stop();
+    if (lockFd_ >= 0) ::close(lockFd_);
+  }
   StoreExecutor(const StoreExecutor&) = delete;
   StoreExecutor& operator=(const StoreExecutor&) = delete;
 
@@ -133,12 +190,30 @@ class StoreExecutor {
       std::function<void()> item = std::move(work_.front());
       work_.pop_front();
       lock.unlock();
+      const bool locked = lockStoreFile();
       item();
+      if (locked) ::flock(lockFd_, LOCK_UN);
       item = nullptr;  // its captures go before the next wait
       lock.lock();
     }
   }
 
+  // Executor thread: takes the store's file lock, opening the lock file on
+  // first use. False when it cannot be had (no directory yet, read-only):
+  // the work then runs unlocked rather than not at all.
+  bool lockStoreFile() {
+    if (lockFd_ < 0) {
+      lockFd_ = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+      if (lockFd_ < 0) return false;
+    }
+    while (::flock(lockFd_, LOCK_EX) != 0) {
+      if (errno != EINTR) return false;
+    }
+    return true;
+  }
+
+  const std::filesystem::path lockPath_;  // immutable
+  int lockFd_ = -1;                       // executor thread only (closed by the destructor after stop())
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<std::function<void()>> work_;  // guarded by mutex_
@@ -156,9 +231,40 @@ struct Daemon::Request {
 };
 
 struct Daemon::StoreEntry {
-  explicit StoreEntry(const std::string& path) : queue(std::make_unique<StoreExecutor>()), store(path) {}
+  explicit StoreEntry(const std::string& path)
+      : queue(std::make_unique<StoreExecutor>(lockPathFor(path))), store(path), name(std::filesystem::path(path).stem().string()) {}
   const std::unique_ptr<StoreExecutor> queue;  // immutable
   Store store;                                 // guarded by queue
+  const std::string name;                      // immutable; the store's name on the sync server
+};
+
+// The sync engine's view of the daemon: stores by name, on their queues.
+class Daemon::Host final : public SyncHost {
+ public:
+  explicit Host(Daemon& daemon) : daemon_(daemon) {}
+
+  void withStore(const std::string& name, const std::function<void(Store&)>& work) override {
+    const std::optional<std::filesystem::path> dir = storeDirectory();
+    if (!dir || !isFileSafeIdentifier(name)) return;
+    std::shared_ptr<StoreEntry> entry = daemon_.storeFor((*dir / (name + ".plist")).string());
+    entry->queue->sync([&] { work(entry->store); });
+  }
+
+  std::vector<std::string> localStoreNames() override {
+    std::vector<std::string> names;
+    const std::optional<std::filesystem::path> dir = storeDirectory();
+    std::error_code ec;
+    if (!dir) return names;
+    for (const auto& item : std::filesystem::directory_iterator(*dir, ec)) {
+      if (item.path().extension() == ".plist" && item.is_regular_file(ec)) names.push_back(item.path().stem().string());
+    }
+    return names;
+  }
+
+  void notifyStoresChanged() override { postChangeNotification(); }
+
+ private:
+  Daemon& daemon_;
 };
 
 struct BusCallbacks {
@@ -201,8 +307,36 @@ PropertyList successReply(PropertyList userInfo) {
 }
 }  // namespace
 
-Daemon::Daemon(std::string busAddress)
-    : busAddress_(std::move(busAddress)), globalQueue_(velmora::DispatchQueue::createSerial("com.vantrel.velmorad")) {}
+namespace {
+
+PropertyList replyFor(const SyncReply& outcome) {
+  switch (outcome.failure) {
+    case SyncFailure::None:
+      return successReply(outcome.info.isNone() ? PropertyList::dictionary({}) : outcome.info);
+    case SyncFailure::BadRequest:
+      return makeErrorReply(kErrorMalformedRequest, outcome.message);
+    case SyncFailure::Unauthenticated:
+      return makeErrorReply(kErrorNotAuthorized, outcome.message);
+    case SyncFailure::WriteFailed:
+      return makeErrorReply(kErrorWriteFailed, outcome.message);
+    case SyncFailure::Unreachable:
+    case SyncFailure::Stopped:
+      break;
+  }
+  return makeErrorReply(kErrorServerUnreachable, outcome.message);
+}
+
+}  // namespace
+
+Daemon::Daemon(std::string busAddress, SyncClientFactory syncClients)
+    : busAddress_(std::move(busAddress)),
+      globalQueue_(velmora::DispatchQueue::createSerial("com.vantrel.velmorad")),
+      syncHost_(std::make_unique<Host>(*this)),
+      engine_(std::make_unique<SyncEngine>(
+          *syncHost_, accountConfigPath(velmora::currentEnvironment()),
+          syncClients ? std::move(syncClients) : [](const AccountConfig& account, std::string* error) {
+            return makeGrpcSyncClient(account, kSyncCallDeadline, error);
+          })) {}
 
 Daemon::~Daemon() {
   if (bus_ != nullptr) sd_bus_flush_close_unref(bus_);
@@ -246,6 +380,7 @@ int Daemon::run() {
     return 1;
   }
   log().log(LogLevel::Default, std::string("velmorad: serving ") + kServiceName);
+  engine_->start();
 
   bool running = true;
   while (running) {
@@ -288,7 +423,9 @@ int Daemon::run() {
   }
   ::close(signalFd);
 
-  // No request is read any more: let every queue finish, then answer.
+  // No request is read any more: stop syncing (the engine waits on store
+  // queues, so it goes first), let every queue finish, then answer.
+  engine_->stop();
   globalQueue_->sync([] {});
   // Stopping each store's thread here, not in the destructor, so that none
   // can drop the last reference to its own entry.
@@ -381,29 +518,38 @@ void Daemon::handleRequest(sd_bus_message* call) {
     sendNow(call, makeErrorReply(kErrorMalformedRequest, "the request is not a dictionary"));
     return;
   }
-  const PlistDictionary& envelope = *body->getDictionary();
-  bool wrongType = false;
-  const std::optional<std::string> message = stringEntry(envelope, kZKVRequestMessageKey, &wrongType);
-  const std::optional<std::string> bundle = stringEntry(envelope, kZKVRequestBundleIdentifierKey, &wrongType);
-  const std::optional<std::string> storeID = stringEntry(envelope, kZKVRequestStoreIdentifierKey, &wrongType);
-  bool additional = false;
-  if (auto it = envelope.find(kZKVRequestAdditionalStoreKey); it != envelope.end()) {
-    if (!it->second.isBoolean()) wrongType = true;
-    additional = it->second.booleanValue();
-  }
-  if (!message || wrongType) {
-    sendNow(call, makeErrorReply(kErrorMalformedRequest, "the request has no message or a field of the wrong type"));
+  const std::optional<Envelope> envelope = readEnvelope(*body->getDictionary());
+  if (!envelope) {
+    sendNow(call, makeErrorReply(kErrorMalformedRequest, kMalformedEnvelope));
     return;
   }
+  const std::optional<std::string>& bundle = envelope->bundle;
+  const std::optional<std::string>& storeID = envelope->storeID;
+  const bool additional = envelope->additional;
   Request request;
-  request.message = *message;
-  if (auto it = envelope.find(kZKVRequestUserInfoKey); it != envelope.end()) request.userInfo = it->second;
+  request.message = envelope->message;
+  request.userInfo = envelope->userInfo;
   if (const char* sender = sd_bus_message_get_sender(call)) request.sender = sender;
 
   // Answered here at once: nothing of a store is needed.
-  if (request.message == kZKVMessagePing || request.message == kZKVMessageSynchronizeRemote ||
-      request.message == kZKVMessageTrackSynchronizeRemote) {
+  if (request.message == kZKVMessagePing || request.message == kZKVMessageSynchronizeRemote) {
+    if (request.message == kZKVMessageSynchronizeRemote) engine_->synchronize(nullptr);
     sendNow(call, successReply(PropertyList::dictionary({})));
+    return;
+  }
+  if (request.message == kZKVMessageTrackSynchronizeRemote || request.message == kZKVMessageAccountLogin ||
+      request.message == kZKVMessageAccountLogout || request.message == kZKVMessageAccountStatus) {
+    if (request.message != kZKVMessageTrackSynchronizeRemote) {
+      // The account is the user's, not an application's.
+      std::string why;
+      bool sandboxed = false;
+      (void)senderApplication(call, &sandboxed, &why);
+      if (sandboxed) {
+        sendNow(call, makeErrorReply(kErrorNotPermitted, "a sandboxed application may not manage the account"));
+        return;
+      }
+    }
+    handleAccountRequest(call, request);
     return;
   }
   if (request.message == kZKVMessageGetConfiguration) {
@@ -434,9 +580,7 @@ void Daemon::handleRequest(sd_bus_message* call) {
     });
     return;
   }
-  if (request.message != kZKVMessageRegister && request.message != kZKVMessageUnregister &&
-      request.message != kZKVMessageSynchronize && request.message != kZKVMessageDiscardJournalEntries &&
-      request.message != kZKVMessagePrintDebugDescription && request.message != kZKVMessageSetDefaultsConfig) {
+  if (!isStoreMessage(request.message) && request.message != kZKVMessageSetDefaultsConfig) {
     sendNow(call, makeErrorReply(kErrorUnknownMessage, "unknown message \"" + request.message + "\""));
     return;
   }
@@ -477,8 +621,28 @@ void Daemon::handleRequest(sd_bus_message* call) {
     postReply(call, perform(*entry, request, &changed));
     // The reply goes first: posting waits for the notification connection,
     // and the sender should not wait for that as well as for its file.
-    if (changed) postChangeNotification();
+    if (changed) {
+      engine_->noteLocalChange(entry->name);
+      postChangeNotification();
+    }
   });
+}
+
+PropertyList Daemon::answerStoreRequest(const std::filesystem::path& storePath, const PropertyList& body,
+                                        const std::string& sender) {
+  if (!body.isDictionary()) return makeErrorReply(kErrorMalformedRequest, "the request is not a dictionary");
+  const std::optional<Envelope> envelope = readEnvelope(*body.getDictionary());
+  if (!envelope) return makeErrorReply(kErrorMalformedRequest, kMalformedEnvelope);
+  if (!isStoreMessage(envelope->message)) {
+    return makeErrorReply(kErrorUnknownMessage, "\"" + envelope->message + "\" is no store message");
+  }
+  Request request;
+  request.message = envelope->message;
+  request.userInfo = envelope->userInfo;
+  request.sender = sender;
+  request.application = envelope->bundle.value_or(std::string());
+  bool changed = false;
+  return perform(*storeFor(storePath.string()), request, &changed);
 }
 
 PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* changed) {
@@ -503,6 +667,8 @@ PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* ch
   }
   if (request.message == kZKVMessagePrintDebugDescription) {
     std::string text = store.debugDescription();
+    text += engine_->describe(entry.name);
+    text += "Pending changes: " + std::to_string(countPending(*store.contents().getDictionary())) + "\n";
     std::lock_guard lock(defaultsMutex_);
     auto defaults = defaultsConfigs_.find(request.application);
     text += "Defaults configuration: " +
@@ -564,7 +730,29 @@ PropertyList Daemon::resetApps() {
   }
   log().log(LogLevel::Default, "velmorad: removed every store of " + dir->string());
   postChangeNotification();
+  engine_->storesReset();
   return successReply(PropertyList::dictionary({}));
+}
+
+void Daemon::handleAccountRequest(sd_bus_message* call, const Request& request) {
+  sd_bus_message_ref(call);
+  auto reply = [this, call](SyncReply outcome) { postReply(call, replyFor(outcome)); };
+  if (request.message == kZKVMessageTrackSynchronizeRemote) {
+    engine_->synchronize(std::move(reply));
+  } else if (request.message == kZKVMessageAccountLogout) {
+    engine_->logout(std::move(reply));
+  } else if (request.message == kZKVMessageAccountStatus) {
+    // It reads every store on its queue: the global queue may wait for those.
+    globalQueue_->async([this, call] { postReply(call, successReply(engine_->status())); });
+  } else {
+    const PropertyList* server = request.userInfo.find(kServerKey);
+    const PropertyList* token = request.userInfo.find(kTokenKey);
+    if (server == nullptr || !server->isString() || token == nullptr || !token->isString()) {
+      postReply(call, makeErrorReply(kErrorMalformedRequest, "accountLogin needs \"server\" and \"token\" strings"));
+      return;
+    }
+    engine_->login(*server->getString(), *token->getString(), std::move(reply));
+  }
 }
 
 PropertyList Daemon::migrate(const std::string& applicationID) {

@@ -20,13 +20,19 @@
 //   defaultsMutex_ guards defaultsConfigs_. Each is a leaf: no queue work,
 //   bus call or other lock runs while one is held. A Store is touched only
 //   from its entry's queue.
-// - Waiting order: global queue -> store queues. The bus thread waits for
-//   queues only at shutdown, when it no longer reads requests; it then stops
+// - Waiting order: global queue -> store queues; sync thread -> store
+//   queues. The bus thread waits for the engine and the queues only at
+//   shutdown, when it no longer reads requests; it then stops
 //   each store's thread, so that no thread drops the last reference to the
 //   store entry that owns it.
+// - Sync. The sync engine (SyncEngine.h) has threads of its own; the daemon
+//   tells it of each written client change and hands it the account and
+//   sync requests, whose replies it posts to the outbox like the queues do.
+//   The engine reaches stores only through their queues (SyncHost below).
 // - Shutdown. SIGTERM (or the bus going away) stops reading requests; the
-//   queues are drained, so writes in flight finish and their replies go out,
-//   then the connection is flushed and closed.
+//   sync engine stops (its calls in flight are cancelled), the queues are
+//   drained, so writes in flight finish and their replies go out, then the
+//   connection is flushed and closed.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +44,7 @@
 #include <vector>
 
 #include "Store.h"
+#include "SyncEngine.h"
 #include "velmora/platform/PropertyList.h"
 
 struct sd_bus;
@@ -60,6 +67,8 @@ inline constexpr std::int64_t kErrorUnknownMessage = 2;
 inline constexpr std::int64_t kErrorNoStore = 3;
 inline constexpr std::int64_t kErrorWriteFailed = 4;
 inline constexpr std::int64_t kErrorNotPermitted = 5;
+inline constexpr std::int64_t kErrorServerUnreachable = 6;  // the sync server did not answer
+inline constexpr std::int64_t kErrorNotAuthorized = 7;      // the sync server refused the account's token
 
 // The "error" reply {"error": {"domain", "code", "userinfo": {"description"}}}.
 // Pure; caller owns it.
@@ -68,8 +77,9 @@ velmora::PropertyList makeErrorReply(std::int64_t code, const std::string& descr
 class Daemon {
  public:
   // busAddress empty: the user's session bus. Connects to nothing yet;
-  // never fails or blocks.
-  explicit Daemon(std::string busAddress);
+  // never fails or blocks. syncClients makes the sync engine's server
+  // clients (the gRPC client when empty).
+  explicit Daemon(std::string busAddress, SyncClientFactory syncClients = {});
   // Closes the connection (after run() has returned). Bus thread.
   ~Daemon();
   Daemon(const Daemon&) = delete;
@@ -82,9 +92,20 @@ class Daemon {
   // the calling thread, which becomes the bus thread.
   int run();
 
+  // Answers one request envelope from sender for the store file at
+  // storePath, on the calling thread, with the same parsing and store work
+  // run() does once a request reaches that store's queue (register,
+  // unregister, synchronize, discardJournalEntries, printDebugDescription).
+  // A malformed envelope or any other message gets an error reply. Posts no
+  // notification. Only while run() is not serving; blocks on file I/O;
+  // caller owns the reply. The request fuzzer drives the daemon through it.
+  velmora::PropertyList answerStoreRequest(const std::filesystem::path& storePath, const velmora::PropertyList& envelope,
+                                           const std::string& sender);
+
  private:
   struct StoreEntry;
   struct Request;
+  class Host;  // the engine's SyncHost
 
   friend struct BusCallbacks;  // the sd-bus callbacks (Daemon.cpp)
 
@@ -119,6 +140,10 @@ class Daemon {
   // store queues; block on file I/O.
   velmora::PropertyList resetApps();
   velmora::PropertyList migrate(const std::string& applicationID);
+  // Bus thread: "accountLogin", "accountLogout", "accountStatus" and
+  // "trackSynchronizeRemote", handed to the engine (or the global queue);
+  // the reply goes out later through the outbox. Never blocks.
+  void handleAccountRequest(sd_bus_message* call, const Request& request);
 
   const std::string busAddress_;                               // immutable
   sd_bus* bus_ = nullptr;                                      // bus thread only
@@ -141,6 +166,10 @@ class Daemon {
 
   std::mutex defaultsMutex_;
   std::map<std::string, velmora::PropertyList> defaultsConfigs_;  // guarded by defaultsMutex_
+
+  // Declared last: destroyed first, while everything it may call still exists.
+  const std::unique_ptr<Host> syncHost_;      // immutable
+  const std::unique_ptr<SyncEngine> engine_;  // immutable; thread-safe
 };
 
 }  // namespace velmorad

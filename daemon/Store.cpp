@@ -79,6 +79,42 @@ void journalEntry(PlistDictionary& store, const std::string& key, std::int32_t c
 
 }  // namespace
 
+std::int64_t currentRecordTimestamp() {
+  return static_cast<std::int64_t>(std::time(nullptr)) - static_cast<std::int64_t>(velmora::kAbsoluteTimeIntervalSince1970);
+}
+
+StoreSyncState StoreSyncState::of(const PlistDictionary& contents) {
+  StoreSyncState state;
+  auto it = contents.find(kStoreSyncStateKey);
+  const PlistDictionary* dict = it != contents.end() ? it->second.getDictionary() : nullptr;
+  if (dict == nullptr) return state;
+  if (auto r = dict->find("revision"); r != dict->end()) {
+    std::int64_t revision = 0;
+    if (r->second.getInt64(revision) && revision >= 0) state.revision = revision;
+  }
+  if (auto d = dict->find("deleted"); d != dict->end() && d->second.isDictionary()) {
+    for (const auto& [key, when] : *d->second.getDictionary()) {
+      std::int64_t timestamp = 0;
+      if (when.getInt64(timestamp) && timestamp != 0) state.deleted.emplace(key, timestamp);
+    }
+  }
+  if (auto a = dict->find("accountchange"); a != dict->end()) state.accountChange = a->second.booleanValue();
+  return state;
+}
+
+PropertyList StoreSyncState::entry() const {
+  if (*this == StoreSyncState{}) return {};
+  PlistDictionary dict;
+  if (revision != 0) dict.emplace("revision", PropertyList::integer(revision));
+  if (!deleted.empty()) {
+    PlistDictionary removed;
+    for (const auto& [key, when] : deleted) removed.emplace(key, PropertyList::integer(when));
+    dict.emplace("deleted", PropertyList::dictionary(std::move(removed)));
+  }
+  if (accountChange) dict.emplace("accountchange", PropertyList::boolean(true));
+  return PropertyList::dictionary(std::move(dict));
+}
+
 PropertyList StoreLimits::dictionary() const {
   return velmora::makeDictionary({{"maxKeyCount", PropertyList::integer(maxKeyCount)},
                                   {"maxKeyNameLen", PropertyList::integer(maxKeyNameLen)},
@@ -231,8 +267,18 @@ bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
     return false;
   }
   struct stat written{};
-  if (!writeFileAtomically(path_, *bytes, error, &written)) return false;
+  if (!writeFileAtomically(path_, *bytes, error, &written)) {
+    // A write cut off between its temporary and the rename (the directory
+    // turned read-only) cannot remove that temporary either: sweep once a
+    // write succeeds again.
+    sweptTemporaries_ = false;
+    return false;
+  }
   stamp_ = FileStamp::of(written);
+  if (!sweptTemporaries_) {
+    sweptTemporaries_ = true;
+    removeStaleTemporaries();
+  }
   return true;
 }
 
@@ -257,17 +303,48 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     }
   }
 
+  if (origin == ChangeOrigin::Server) {
+    // The server's records as they are, each a change made elsewhere.
+    ensureLoaded();
+    ServerEdit edit;
+    edit.records = changes;
+    auto valuesIt = contents_->find(kStoreValuesKey);
+    const PlistDictionary empty;
+    const PlistDictionary& current = valuesIt != contents_->end() ? *valuesIt->second.getDictionary() : empty;
+    for (const auto& [key, record] : changes) {
+      auto existing = current.find(key);
+      const bool present = existing != current.end();
+      if (record.count() == 0 ? present : (!present || existing->second != record)) {
+        edit.journal.emplace(key, kJournalChangedElsewhere);
+      }
+    }
+    return applyServerEdit(edit);
+  }
+
   ensureLoaded();
   PlistDictionary next = *contents_;
   PropertyList& valuesSlot = next[std::string(kStoreValuesKey)];
   if (!valuesSlot.isDictionary()) valuesSlot = PropertyList::dictionary({});
   PlistDictionary& values = *valuesSlot.editDictionary();
+  StoreSyncState syncState = StoreSyncState::of(next);
+  const StoreSyncState oldSyncState = syncState;
 
   std::vector<std::string> changed;
   // Removals first, so that they make room for the values that follow.
   for (const auto& [key, record] : changes) {
     if (record.count() != 0) continue;
-    if (values.erase(key) != 0) changed.push_back(key);
+    auto existing = values.find(key);
+    if (existing == values.end()) continue;
+    // The server knows a key whose record has a remote value: it must hear
+    // of the removal. Not before the removed value's own time.
+    std::int64_t timestamp = 0;
+    const PropertyList* remote = nullptr;
+    if (ZKVGetPropertyListAndTimestampAndRemoteValueFromStorage(existing->second, &timestamp, &remote) != nullptr &&
+        remote != nullptr) {
+      syncState.deleted[key] = std::max(currentRecordTimestamp(), timestamp);
+    }
+    values.erase(existing);
+    changed.push_back(key);
   }
   std::uint64_t total = 0;
   for (const auto& [key, record] : values) total += recordSize(record);
@@ -300,7 +377,15 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     }
     total = total - oldSize + newSize;
     values[key] = std::move(merged);
+    syncState.deleted.erase(key);
     changed.push_back(key);
+  }
+  if (!(syncState == oldSyncState)) {
+    if (PropertyList entry = syncState.entry(); entry.isNone()) {
+      next.erase(std::string(kStoreSyncStateKey));
+    } else {
+      next[std::string(kStoreSyncStateKey)] = std::move(entry);
+    }
   }
 
   const std::int64_t oldCount = loadedChangeCount();
@@ -331,6 +416,60 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   }
   contents_ = std::move(next);
   outcome.written = true;
+  return outcome;
+}
+
+ApplyOutcome Store::applyServerEdit(const ServerEdit& edit) {
+  ensureLoaded();
+  ApplyOutcome outcome;
+  outcome.accepted = true;
+  PlistDictionary next = *contents_;
+  const bool hadValues = next.contains(kStoreValuesKey);
+  PropertyList& valuesSlot = next[std::string(kStoreValuesKey)];
+  if (!valuesSlot.isDictionary()) valuesSlot = PropertyList::dictionary({});
+  PlistDictionary& values = *valuesSlot.editDictionary();
+  for (const auto& [key, record] : edit.records) {
+    if (record.count() == 0) {
+      values.erase(key);
+    } else {
+      values[key] = record;
+    }
+  }
+  if (values.empty() && !hadValues) next.erase(std::string(kStoreValuesKey));
+
+  std::int64_t count = loadedChangeCount();
+  if (!edit.journal.empty()) {
+    ++count;
+    for (const auto& [key, code] : edit.journal) journalEntry(next, key, code, count);
+    next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
+  }
+  outcome.changeCount = count;
+  if (edit.clearVersion) {
+    next.erase(std::string(kStoreVersionIdKey));
+    next.erase(std::string(kStoreInitialSyncKey));
+  }
+  if (edit.versionId) next[std::string(kStoreVersionIdKey)] = PropertyList::string(*edit.versionId);
+  if (edit.markInitialSync) next[std::string(kStoreInitialSyncKey)] = PropertyList::integer(count);
+  if (edit.syncState) {
+    if (PropertyList entry = edit.syncState->entry(); entry.isNone()) {
+      next.erase(std::string(kStoreSyncStateKey));
+    } else {
+      next[std::string(kStoreSyncStateKey)] = std::move(entry);
+    }
+  }
+  if (next == *contents_) return outcome;  // nothing to write
+
+  std::string error;
+  if (!writeContents(next, &error)) {
+    outcome = ApplyOutcome{};
+    outcome.writeFailed = true;
+    outcome.error = "writing the store failed: " + error;
+    log().log(LogLevel::Error, "Store " + path_.string() + ": " + outcome.error);
+    return outcome;
+  }
+  contents_ = std::move(next);
+  outcome.written = !edit.journal.empty();
+  outcome.rewrittenQuietly = !outcome.written;
   return outcome;
 }
 
@@ -401,7 +540,13 @@ std::string Store::debugDescription() {
   out << "\n";
   const ZKVJournal journal = ZKVJournal::withStore(*contents_);
   out << journal.description() << "\n";
-  out << "Sync state: no server configured\n";
+  const StoreSyncState sync = StoreSyncState::of(*contents_);
+  auto version = contents_->find(kStoreVersionIdKey);
+  auto initial = contents_->find(kStoreInitialSyncKey);
+  out << "Sync: version " << (version != contents_->end() ? version->second.description() : std::string("(none)"))
+      << ", initial sync at " << (initial != contents_->end() ? initial->second.description() : std::string("(none)"))
+      << ", server revision " << sync.revision << ", deletions not yet sent " << sync.deleted.size()
+      << (sync.accountChange ? ", reset for another account" : "") << "\n";
   return out.str();
 }
 

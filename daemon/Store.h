@@ -4,8 +4,10 @@
 // Design note
 // - Threads. A Store is not thread-safe: the daemon gives each store its own
 //   serial queue and touches the Store only from there. Nothing here knows
-//   about the bus; a later server-sync engine feeds remote changes through
-//   the same applyChanges() entry point with ChangeOrigin::Server.
+//   about the bus or the server: the sync engine decides on its store's
+//   queue what a server change does and hands the result to
+//   applyServerEdit(), which shares the journal, count and write path with
+//   applyChanges().
 // - File. The file is read on first use and rewritten whole after every
 //   effective change: temporary file beside it, fsync, rename, fsync of the
 //   directory, so a reader sees the old file or the new one, never half. A
@@ -15,12 +17,22 @@
 //   stat (device, inode, size, mtime) with what was last read or written and
 //   reads the file again only when something else replaced, changed or
 //   removed it. Temporary files a killed daemon left beside the store are
-//   removed when the store is first loaded: only the daemon writes there.
+//   removed when the store is first loaded, and those of a failed write
+//   (which may not remove its own) after the next write that succeeds: only
+//   the daemon writes there.
 // - Journal. Each changed key is journaled at the new change count (code 0,
 //   changed elsewhere), keys refused over a limit one count higher (code 2),
 //   so the sender that was answered with the lower count learns of the
 //   refusal at its next load. Entries go once every registered client has
-//   released them (discardJournalEntries).
+//   released them (discardJournalEntries). The count never rises without a
+//   journal entry: a reader that finds a higher count and no entry compares
+//   whole records, and would report keys whose remote value alone changed.
+// - Sync state. Besides what applications read ("values", "changecount",
+//   "journal", "initialsync", "versionid"), the file keeps the sync engine's
+//   own state under "syncstate" (readers ignore it): the last pulled server
+//   revision and the deletions the server has not yet heard of. It lives in
+//   the store file so that one atomic write covers a value and its sync
+//   state, and so that removing a store removes its sync state too.
 #pragma once
 
 #include <sys/stat.h>
@@ -39,12 +51,44 @@ namespace velmorad {
 
 // Journal change codes the daemon writes.
 inline constexpr std::int32_t kJournalChangedElsewhere = 0;
+inline constexpr std::int32_t kJournalInitialSync = 1;
 inline constexpr std::int32_t kJournalQuotaViolation = 2;
+inline constexpr std::int32_t kJournalAccountChange = 5;
 
 // Store-file keys.
 inline constexpr std::string_view kStoreValuesKey = "values";
 inline constexpr std::string_view kStoreChangeCountKey = "changecount";
 inline constexpr std::string_view kStoreJournalKey = "journal";
+inline constexpr std::string_view kStoreInitialSyncKey = "initialsync";
+inline constexpr std::string_view kStoreVersionIdKey = "versionid";
+inline constexpr std::string_view kStoreSyncStateKey = "syncstate";
+
+// Timestamps as storage records hold them: whole seconds since 2001-01-01
+// 00:00:00 UTC, now. Any thread.
+std::int64_t currentRecordTimestamp();
+
+// The sync engine's state kept in a store file under "syncstate". A value type.
+struct StoreSyncState {
+  std::int64_t revision = 0;                  // server revision pulled up to (0: nothing pulled)
+  std::map<std::string, std::int64_t> deleted;  // keys removed here, not yet acknowledged by the server -> when
+  bool accountChange = false;                 // reset for another account; its initial sync is still to come
+
+  // Reads contents' "syncstate"; damaged parts read as absent. Pure.
+  static StoreSyncState of(const velmora::PlistDictionary& contents);
+  // The "syncstate" entry; none when everything is at its default. Pure.
+  velmora::PropertyList entry() const;
+  bool operator==(const StoreSyncState&) const = default;
+};
+
+// A change decided by the sync engine, applied in one write.
+struct ServerEdit {
+  velmora::PlistDictionary records;             // key -> new record; an empty dictionary removes the key
+  std::map<std::string, std::int32_t> journal;  // keys applications should hear of, with the change code
+  std::optional<StoreSyncState> syncState;      // replaces "syncstate" when set
+  std::optional<std::string> versionId;         // sets "versionid" when set
+  bool clearVersion = false;                    // removes "versionid" and "initialsync"
+  bool markInitialSync = false;                 // "initialsync" = the change count after this edit
+};
 
 // The per-store limits, as "register" and "getConfiguration" hand them out.
 struct StoreLimits {
@@ -60,12 +104,13 @@ struct StoreLimits {
 // Who made a change: a client of this machine, or (later) the sync server.
 enum class ChangeOrigin : std::uint8_t { Client, Server };
 
-// What applyChanges() did. A value type the caller owns.
+// What applyChanges() and applyServerEdit() did. A value type the caller owns.
 struct ApplyOutcome {
   bool accepted = false;                 // false: the request was refused and nothing changed
   std::string error;                     // why, when refused
   bool writeFailed = false;              // refused because the file could not be written
-  bool written = false;                  // the file was rewritten (observers should hear of it)
+  bool written = false;                  // the file was rewritten and its count rose (observers should hear of it)
+  bool rewrittenQuietly = false;         // the file was rewritten, the count stayed (sync bookkeeping only)
   std::int64_t changeCount = 0;          // the count to answer the sender with
   std::vector<std::string> refusedKeys;  // keys left out over a limit, in key order
 };
@@ -90,12 +135,24 @@ class Store {
 
   // Merges changes (key -> storage record, an empty dictionary removes the
   // key) into the store. Every record must decode, or the whole request is
-  // refused with nothing changed. Keys that would break limits are left out
-  // and journaled as quota violations. When anything changed, the change
+  // refused with nothing changed. From a client: keys that would break
+  // limits are left out and journaled as quota violations, a written key
+  // keeps its remote value, and removing a key the server knows (its record
+  // has a remote value) notes the deletion for the server. From the server:
+  // records are taken as they are, journaled as changed elsewhere, without
+  // limits (the server has applied its own). When anything changed, the change
   // count rises and the file is written durably before this returns; a write
   // failure refuses the request and leaves memory as it was. Loads the file
   // first when needed. Blocks on file I/O.
   ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits);
+
+  // Applies what the sync engine decided (see ServerEdit): the count rises
+  // once when edit.journal has keys, and they are journaled at the new
+  // count; an edit of sync bookkeeping alone rewrites the file with the count
+  // unchanged (rewrittenQuietly). An edit that changes nothing writes
+  // nothing. Records are not validated: the engine builds them. A write
+  // failure leaves memory as it was. Blocks on file I/O.
+  ApplyOutcome applyServerEdit(const ServerEdit& edit);
 
   // The change count and number of keys; 0 for a store with no file. Load
   // the file first when needed (blocking on file I/O). Never fail.

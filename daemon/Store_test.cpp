@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -190,6 +192,30 @@ TEST_F(StoreTest, WriteFailureLeavesMemoryAndFileAsTheyWere) {
   EXPECT_EQ(store.keyCount(), 1u);
   // The next attempt succeeds at the next count, not one further.
   EXPECT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+}
+
+TEST_F(StoreTest, ATemporaryAFailedWriteLeftGoesWithTheNextWrite) {
+  Store store(path_);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+  // A write over the file-size limit fails (EFBIG) with the store file
+  // untouched, as one does when the directory turns read-only between its
+  // temporary and the rename; that one cannot remove its temporary either.
+  struct rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  struct rlimit tight = saved;
+  tight.rlim_cur = 16;
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+  const ApplyOutcome failed = apply(store, {{"b", record("2")}});
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_TRUE(failed.writeFailed);
+  const fs::path left = path_.parent_path() / "com.example.app.plist.Ab3xQ9";
+  std::ofstream(left) << "half";
+
+  EXPECT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+  EXPECT_FALSE(fs::exists(left));
+  EXPECT_EQ(store.fileReads(), 0u);  // the write swept, not a reload
 }
 
 TEST_F(StoreTest, KeepsItsCopyUntilTheFileChangesBehindIt) {

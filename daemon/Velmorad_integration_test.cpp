@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -360,6 +361,51 @@ TEST(VelmoradBus, KeysOverTheLimitsAreRefusedAndJournaled) {
   EXPECT_EQ(file.find("values")->find(longKey), nullptr);
   EXPECT_EQ(integerAt(file, {"journal", longKey, "change"}), 2);
   EXPECT_EQ(integerAt(file, {"journal", longKey, "count"}), 2);
+}
+
+// A second daemon of the same home (one that lost its bus and is finishing
+// its writes) holds the store's lock and replaces the file meanwhile: the
+// write waits for the lock and then builds on the other's file.
+TEST(VelmoradBus, AWriteWaitsForTheStoreLockAndKeepsTheOtherWritersChange) {
+  RawClient client;
+  const std::string app = "com.example.locked";
+  const auto changesOf = [](const char* key) {
+    return makeDictionary({{"changes", makeDictionary({{key, record("v")}})}, {"changecount", PropertyList::integer(0)}});
+  };
+  ASSERT_EQ(integerAt(client.request("synchronize", changesOf("ours1"), app), {"userinfo", "changecount"}), 1);
+
+  const fs::path lockPath = storePath(app).parent_path() / ("." + app + ".plist.lock");
+  const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);  // as the other daemon would
+  ASSERT_GE(lockFd, 0);
+  ASSERT_EQ(::flock(lockFd, LOCK_EX), 0);
+
+  std::atomic<std::int64_t> answered{-1};
+  std::thread writer([&] { answered = integerAt(client.request("synchronize", changesOf("ours2"), app), {"userinfo", "changecount"}); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(answered.load(), -1) << "answered while another writer held the store";
+
+  // The other writer's file: its own key at a higher count.
+  PropertyList file = velmora::readPlistFile(storePath(app).string());
+  PlistDictionary contents = *file.getDictionary();
+  PlistDictionary values = *contents.at("values").getDictionary();
+  values.emplace("theirs", record("t"));
+  contents["values"] = PropertyList::dictionary(std::move(values));
+  contents["changecount"] = PropertyList::integer(5);
+  const fs::path temporary = storePath(app).string() + ".theirs";
+  {
+    const auto bytes = velmora::encodeBinaryPlist(PropertyList::dictionary(std::move(contents)));
+    ASSERT_TRUE(bytes.has_value());
+    std::ofstream out(temporary, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
+  }
+  fs::rename(temporary, storePath(app));
+  ASSERT_EQ(::flock(lockFd, LOCK_UN), 0);
+  writer.join();
+  ::close(lockFd);
+
+  EXPECT_EQ(answered.load(), 6);
+  const PropertyList after = velmora::readPlistFile(storePath(app).string());
+  for (const char* key : {"ours1", "ours2", "theirs"}) EXPECT_NE(after.find("values")->find(key), nullptr) << key;
 }
 
 TEST(VelmoradBus, AFireAndForgetRequestIsStillCarriedOut) {
@@ -766,6 +812,7 @@ TEST(VelmoradProcess, AcknowledgedWritesSurviveKillsAtRandomMoments) {
   int stores = 0;
   for (const auto& item : fs::directory_iterator(storePath("x").parent_path())) {
     const std::string name = item.path().filename().string();
+    if (name.starts_with('.') && name.ends_with(".plist.lock")) continue;  // a store's lock file
     EXPECT_EQ(item.path().extension(), ".plist") << name;
     const PropertyList file = velmora::readPlistFile(item.path().string());
     EXPECT_TRUE(file.isDictionary()) << name;

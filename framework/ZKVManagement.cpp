@@ -1,9 +1,16 @@
-// ZKVManagement: the account-wide operations of ZKVRemotePreferencesSource.
-// Each makes a temporary client without store identity, sends one message
-// and lets the client go; nothing is cached between calls, so calls may
-// overlap freely. Replies and the reset's completion run on the main queue.
+// ZKVManagement: the account-wide operations of ZKVRemotePreferencesSource,
+// and the sync-account calls of ZKVAccount.h. Each makes a temporary client
+// without store identity, sends one message and lets the client go; nothing
+// is cached between calls, so calls may overlap freely. Replies, the reset's
+// completion and the account handlers run on the main queue; the waiting
+// account calls wait for their handler on the caller's thread.
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -11,6 +18,7 @@
 
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Log.h"
+#include "zkv/ZKVAccount.h"
 #include "zkv/ZKVClient.h"
 #include "zkv/ZKVLog.h"
 #include "zkv/ZKVRemotePreferencesSource.h"
@@ -45,7 +53,101 @@ PropertyList migrationPayload(const char* bundleIdentifier) {
   return velmora::makeDictionary({{std::string(kParameterKey), PropertyList::string(bundleIdentifier)}});
 }
 
+ZKVError posixError(int code, std::string description) {
+  return ZKVError{std::string(kZKVPOSIXErrorDomain), code,
+                  {{std::string(kZKVErrorDescriptionKey), PropertyList::string(std::move(description))}}};
+}
+
+// How long an account request may take before its handler hears ETIMEDOUT:
+// longer than the call timeout, after which the transport gives up itself.
+constexpr auto kAccountPatience = velmora::kDefaultIpcCallTimeout + std::chrono::seconds(5);
+
+// Sends one account message; handler runs once on the main queue with the
+// answer, or with ETIMEDOUT when none came (see ZKVAccount.h).
+void askDaemon(const char* message, const PropertyList& userInfo, ZKVAccountHandler handler) {
+  struct Pending {
+    std::mutex mutex;
+    ZKVAccountHandler handler;  // guarded by mutex; taken by whoever answers first
+    ZKVAccountHandler take() {
+      std::lock_guard lock(mutex);
+      return std::exchange(handler, nullptr);
+    }
+  };
+  auto pending = std::make_shared<Pending>();
+  pending->handler = std::move(handler);
+  std::shared_ptr<ZKVClient> client = makeTemporaryClient();
+  client->sendMessageWithNameUserInfoReplyHandler(message, userInfo, [pending, client](const ZKVReply& reply) {
+    client->shutdown();
+    ZKVAccountHandler handler = pending->take();
+    if (!handler) return;
+    if (const ZKVError* error = std::get_if<ZKVError>(&reply)) {
+      handler(ZKVAccountResult{*error, {}});
+    } else if (const PropertyList* info = std::get_if<PropertyList>(&reply)) {
+      handler(ZKVAccountResult{std::nullopt, *info});
+    } else {
+      handler(ZKVAccountResult{});
+    }
+  });
+  velmora::DispatchQueue::main().after(kAccountPatience, [pending, client] {
+    if (ZKVAccountHandler handler = pending->take()) {
+      client->shutdown();
+      handler(ZKVAccountResult{posixError(ETIMEDOUT, "the daemon did not answer"), {}});
+    }
+  });
+}
+
+// askDaemon, waited for on the calling thread.
+ZKVAccountResult askDaemonAndWait(const char* message, const PropertyList& userInfo) {
+  if (velmora::DispatchQueue::main().isCurrent()) {
+    return ZKVAccountResult{posixError(EDEADLK, "the answer would come through the main queue, which is waiting"), {}};
+  }
+  // Shared with the handler, which may run after a timed-out caller left.
+  struct Answer {
+    std::mutex mutex;
+    std::condition_variable ready;
+    std::optional<ZKVAccountResult> result;  // guarded by mutex
+  };
+  auto answer = std::make_shared<Answer>();
+  askDaemon(message, userInfo, [answer](ZKVAccountResult result) {
+    std::lock_guard lock(answer->mutex);
+    answer->result = std::move(result);
+    answer->ready.notify_all();
+  });
+  std::unique_lock lock(answer->mutex);
+  // The handler always comes (kAccountPatience); the extra second covers a
+  // main queue that is slow to run it.
+  if (!answer->ready.wait_for(lock, kAccountPatience + std::chrono::seconds(1),
+                              [&] { return answer->result.has_value(); })) {
+    return ZKVAccountResult{posixError(ETIMEDOUT, "the daemon's answer did not come through the main queue"), {}};
+  }
+  return std::move(*answer->result);
+}
+
+PropertyList loginPayload(const std::string& url, const std::string& token) {
+  return velmora::makeDictionary({{"server", PropertyList::string(url)}, {"token", PropertyList::string(token)}});
+}
+
 }  // namespace
+
+void ZKVAccountLoginWithCompletionHandler(const std::string& url, const std::string& token, ZKVAccountHandler handler) {
+  askDaemon(kZKVMessageAccountLogin, loginPayload(url, token), std::move(handler));
+}
+
+void ZKVAccountLogoutWithCompletionHandler(ZKVAccountHandler handler) {
+  askDaemon(kZKVMessageAccountLogout, PropertyList(), std::move(handler));
+}
+
+void ZKVCopyAccountStatusWithCompletionHandler(ZKVAccountHandler handler) {
+  askDaemon(kZKVMessageAccountStatus, PropertyList(), std::move(handler));
+}
+
+ZKVAccountResult ZKVAccountLogin(const std::string& url, const std::string& token) {
+  return askDaemonAndWait(kZKVMessageAccountLogin, loginPayload(url, token));
+}
+
+ZKVAccountResult ZKVAccountLogout() { return askDaemonAndWait(kZKVMessageAccountLogout, PropertyList()); }
+
+ZKVAccountResult ZKVCopyAccountStatus() { return askDaemonAndWait(kZKVMessageAccountStatus, PropertyList()); }
 
 void ZKVRemotePreferencesSource::resetAllApplicationsWithCompletionHandler(std::function<void()> completion) {
   initializeClass();

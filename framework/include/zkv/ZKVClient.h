@@ -62,6 +62,11 @@ inline constexpr const char* kZKVMessagePing = "ping";
 inline constexpr const char* kZKVMessagePrintDebugDescription = "printDebugDescription";
 inline constexpr const char* kZKVMessageResetApps = "resetapps";
 inline constexpr const char* kZKVMessageMigrate = "migrate";
+// The user's sync account (see ZKVAccount.h): log in with {"server": URL,
+// "token": TOKEN}, log out, and the sync status of the account and stores.
+inline constexpr const char* kZKVMessageAccountLogin = "accountLogin";
+inline constexpr const char* kZKVMessageAccountLogout = "accountLogout";
+inline constexpr const char* kZKVMessageAccountStatus = "accountStatus";
 
 // Keys of the request envelope and of the reply.
 inline constexpr std::string_view kZKVRequestMessageKey = "message";

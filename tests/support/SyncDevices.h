@@ -1,0 +1,241 @@
+// Devices of one user on one machine, and the sync server between them, for
+// the sync tests and the propagation benchmark: a real velmora-server on
+// loopback, and per device a scratch home, a private bus and a real
+// velmorad on it. LibraryOn points this process's libzkv at one device.
+//
+// Header-only (it needs the test library for the child processes and buses).
+// Start everything from the main thread: children get a parent-death signal
+// tied to the thread that started them. Nothing here is thread-safe.
+#pragma once
+
+#include <signal.h>
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "PrivateBus.h"
+#include "ScratchEnvironment.h"
+#include "velmora/platform/DbusValue.h"
+#include "velmora/platform/Ipc.h"
+#include "velmora/platform/PlistCodec.h"
+#include "velmora/platform/SystemNotifications.h"
+#include "zkv/ZKVEncoding.h"
+
+#ifndef VELMORA_BINARY_DIR
+#error "VELMORA_BINARY_DIR must name the build directory (daemon/velmorad, server/velmora-server)"
+#endif
+
+namespace velmora::testing {
+
+// Whole seconds since 2001-01-01 UTC, now: a storage record's timestamp.
+inline std::int64_t recordTimestampNow() {
+  return static_cast<std::int64_t>(std::time(nullptr)) - static_cast<std::int64_t>(velmora::kAbsoluteTimeIntervalSince1970);
+}
+
+// The value stored under key in a store file's contents, or none.
+inline PropertyList storedValue(const PropertyList& contents, const std::string& key) {
+  const PropertyList* values = contents.find("values");
+  const PropertyList* record = values != nullptr ? values->find(key) : nullptr;
+  if (record == nullptr) return {};
+  std::int64_t timestamp = 0;
+  const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(*record, &timestamp);
+  return value != nullptr ? *value : PropertyList();
+}
+
+// velmora-server serving on loopback, over SQLite or PostgreSQL.
+class SyncServer {
+ public:
+  static std::string path() { return VELMORA_BINARY_DIR "/server/velmora-server"; }
+
+  // storage: {"--sqlite", PATH} or {"--postgres", CONNINFO}; extra: more
+  // options of "serve" (limits).
+  explicit SyncServer(std::vector<std::string> storage, std::vector<std::string> extra = {})
+      : storage_(std::move(storage)), extra_(std::move(extra)) {}
+  ~SyncServer() { stop(); }
+  SyncServer(const SyncServer&) = delete;
+  SyncServer& operator=(const SyncServer&) = delete;
+
+  // Starts serving and waits (up to 15 s) for "listening on". The first
+  // start picks a free port; later ones reuse it, so devices find the
+  // server where it was. False when it did not come up.
+  bool start() {
+    std::vector<std::string> argv = {path(), "serve", "--listen", "127.0.0.1:" + std::to_string(port_)};
+    argv.insert(argv.end(), storage_.begin(), storage_.end());
+    argv.insert(argv.end(), extra_.begin(), extra_.end());
+    process_ = ChildProcess::start(argv);
+    if (!process_) return false;
+    const std::optional<std::string> line = process_->readLine(std::chrono::seconds(15));
+    const std::string prefix = "listening on 127.0.0.1:";
+    if (!line || line->rfind(prefix, 0) != 0) return false;
+    port_ = std::stoi(line->substr(prefix.size()));
+    return true;
+  }
+  // Stops it (SIGTERM, then SIGKILL after 10 s). Idempotent.
+  void stop() {
+    if (!process_) return;
+    process_->signal(SIGTERM);
+    if (!process_->waitForExit(std::chrono::seconds(10))) process_->signal(SIGKILL);
+    process_.reset();
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+  // A new account's token; empty when none came. Blocks for the tool.
+  std::string addAccount(const std::string& name) {
+    std::vector<std::string> argv = {path(), "account", "add", name};
+    argv.insert(argv.end(), storage_.begin(), storage_.end());
+    std::unique_ptr<ChildProcess> tool = ChildProcess::start(argv);
+    const std::optional<std::string> token = tool ? tool->readLine(std::chrono::seconds(15)) : std::nullopt;
+    if (tool) tool->waitForExit(std::chrono::seconds(10));
+    return token.value_or("");
+  }
+
+ private:
+  const std::vector<std::string> storage_;
+  const std::vector<std::string> extra_;
+  int port_ = 0;
+  std::unique_ptr<ChildProcess> process_;
+};
+
+// One device: a scratch home, a bus and a velmorad on it.
+class SyncDevice {
+ public:
+  static constexpr const char* kService = "com.vantrel.velmorad-sim";
+
+  // Starts the bus and the daemon; ok() tells whether both came up.
+  explicit SyncDevice(const std::string& name) : home_("velmora-device-" + name) {
+    bus_ = BusDaemon::start();
+    if (bus_) startDaemon();
+  }
+  ~SyncDevice() {
+    stopDaemon();
+    if (client_ != nullptr) sd_bus_flush_close_unref(client_);
+  }
+  SyncDevice(const SyncDevice&) = delete;
+  SyncDevice& operator=(const SyncDevice&) = delete;
+
+  bool ok() const { return bus_ != nullptr && daemon_ != nullptr; }
+  const std::string& busAddress() const { return bus_->address(); }
+  std::string home() const { return home_.path().string(); }
+  // What a process on this device has in its environment.
+  std::vector<std::string> environment() const {
+    return {"HOME=" + home(), "XDG_CONFIG_HOME=" + home() + "/.config", "DBUS_SESSION_BUS_ADDRESS=" + busAddress()};
+  }
+
+  // Starts velmorad and waits (up to 20 s) for it to own its name.
+  bool startDaemon() {
+    daemon_ = ChildProcess::start({VELMORA_BINARY_DIR "/daemon/velmorad", "--address", bus_->address()},
+                                  environment());
+    if (daemon_ && waitUntil([&] { return daemonOwnsName(); }, std::chrono::seconds(20))) return true;
+    daemon_.reset();
+    return false;
+  }
+  void stopDaemon() {
+    if (!daemon_) return;
+    daemon_->signal(SIGTERM);
+    if (!daemon_->waitForExit(std::chrono::seconds(10))) daemon_->signal(SIGKILL);
+    daemon_.reset();
+  }
+
+  // Sends one request to this device's daemon and waits for the reply
+  // dictionary; none when no reply came.
+  PropertyList request(const std::string& message, PropertyList userInfo = {},
+                       std::optional<std::string> bundle = std::nullopt) {
+    PlistDictionary body{{"message", PropertyList::string(message)}};
+    if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
+    if (bundle) body.emplace("bundleIdentifier", PropertyList::string(*bundle));
+    const std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(PropertyList::dictionary(body));
+    if (!object) return {};
+    sd_bus_message* call = nullptr;
+    sd_bus_message* reply = nullptr;
+    int r = sd_bus_message_new_method_call(client(), &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
+                                           "Request");
+    if (r >= 0) r = velmora::appendIpcObject(call, *object);
+    if (r >= 0) r = sd_bus_call(client(), call, 30'000'000, nullptr, &reply);
+    std::optional<PropertyList> result;
+    if (r >= 0) result = velmora::readDbusDictionary(reply);
+    sd_bus_message_unref(call);
+    sd_bus_message_unref(reply);
+    return result.value_or(PropertyList());
+  }
+
+  // Logs this daemon into server's account; the reply.
+  PropertyList login(const SyncServer& server, const std::string& token) {
+    return request("accountLogin", makeDictionary({{"server", PropertyList::string(server.url())},
+                                                   {"token", PropertyList::string(token)}}));
+  }
+
+  // Hands values of app's store to the daemon as a client's "synchronize"
+  // does, each stamped with timestamp (none removes the key); true when the
+  // daemon took them.
+  bool write(const std::string& app, const PlistDictionary& values, std::int64_t timestamp) {
+    PlistDictionary changes;
+    for (const auto& [key, value] : values) {
+      changes.emplace(key, value.isNone() ? PropertyList::dictionary({})
+                                          : ZKVCreateStorageForPropertyListAndTimestamp(value, timestamp));
+    }
+    const PropertyList reply = request(
+        "synchronize",
+        makeDictionary({{"changes", PropertyList::dictionary(changes)}, {"changecount", PropertyList::integer(0)}}),
+        app);
+    return reply.find("userinfo") != nullptr;
+  }
+
+  // "trackSynchronizeRemote": true on success, false on an error reply.
+  bool trackSynchronize() { return request("trackSynchronizeRemote").find("error") == nullptr; }
+
+  // The store file of app as it is on disk now (none when absent).
+  PropertyList storeFile(const std::string& app) const {
+    return velmora::readPlistFile((home_.path() / "Library/Quellstore" / (app + ".plist")).string());
+  }
+
+ private:
+  sd_bus* client() {
+    if (client_ == nullptr) {
+      sd_bus_new(&client_);
+      sd_bus_set_address(client_, bus_->address().c_str());
+      sd_bus_set_bus_client(client_, 1);
+      sd_bus_start(client_);
+    }
+    return client_;
+  }
+  bool daemonOwnsName() {
+    sd_bus_message* reply = nullptr;
+    int has = 0;
+    if (sd_bus_call_method(client(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "NameHasOwner", nullptr, &reply, "s", kService) >= 0) {
+      sd_bus_message_read(reply, "b", &has);
+    }
+    sd_bus_message_unref(reply);
+    return has != 0;
+  }
+
+  ScratchDirectory home_;
+  std::unique_ptr<BusDaemon> bus_;
+  std::unique_ptr<ChildProcess> daemon_;
+  sd_bus* client_ = nullptr;
+};
+
+// While it lives, this process's libzkv is an application on device: its
+// home, its bus for requests and change notifications.
+class LibraryOn {
+ public:
+  explicit LibraryOn(const SyncDevice& device) {
+    services_.install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(device.home()));
+    velmora::DbusIpcOptions options;
+    options.busAddress = device.busAddress();
+    services_.install(velmora::setIpcService, std::make_shared<velmora::DbusIpcService>(options));
+    services_.install(velmora::setSystemNotificationCenter,
+                      std::make_shared<velmora::DbusSystemNotificationCenter>(device.busAddress()));
+  }
+
+ private:
+  ScopedServices services_;
+};
+
+}  // namespace velmora::testing
