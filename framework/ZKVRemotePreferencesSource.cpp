@@ -108,6 +108,29 @@ std::uint64_t unsignedIntegerValue(const PropertyList& value) {
   return 0;
 }
 
+// The keys of handedOver whose journal entry in contents (a store file) is at
+// count: the entries the daemon made for the hand-over it answered with that
+// count. Reads the entries as stored, since the daemon records "changed
+// elsewhere" as code 0, which ZKVJournal's accessors read as no change.
+std::vector<std::string> ownJournalEntries(const PropertyList& contents,
+                                           const ZKVRemotePreferencesSource::KeySet& handedOver,
+                                           std::int64_t count) {
+  std::vector<std::string> own;
+  const PropertyList* journal = contents.find(ZKVJournal::kStoreKey);
+  const PlistDictionary* entries = journal != nullptr ? journal->getDictionary() : nullptr;
+  if (entries == nullptr) return own;
+  for (const std::string& key : handedOver) {
+    auto entry = entries->find(key);
+    if (entry == entries->end()) continue;
+    std::int64_t at = 0;
+    if (const PropertyList* entryCount = entry->second.find("count"); entryCount != nullptr &&
+                                                                       entryCount->getInt64(at) && at == count) {
+      own.push_back(key);
+    }
+  }
+  return own;
+}
+
 // The built-in limits, made once and never freed.
 const PlistDictionary& defaultConfiguration() {
   static const PlistDictionary* const table = new PlistDictionary{
@@ -683,9 +706,25 @@ bool ZKVRemotePreferencesSource::lockedSynchronizeForced(bool forced) {
   if (replied) {
     logLazily(LogLevel::Debug,
               [&] { return "Trash dirty keys " + describeKeySet(dirtyKeys_ ? *dirtyKeys_ : KeySet{}); });
-    if (dirtyKeys_) dirtyKeys_->clear();
+    KeySet handedOver;
+    if (dirtyKeys_) handedOver.swap(*dirtyKeys_);
     if (forced) {
-      lockedCachePlistFromDisk();
+      // The keys just handed over come back journaled at the count the
+      // daemon answered with: this process's own writes, not changes made
+      // elsewhere. Changes pending from an earlier load stay.
+      std::int64_t answered = -1;
+      if (const PropertyList* count = reply.find(kChangeCountKey)) (void)count->getInt64(answered);
+      PropertyList contents = velmora::readPlistFile(urlOnDisk_->native());
+      const std::vector<std::string> own =
+          answered > 0 ? ownJournalEntries(contents, handedOver, answered) : std::vector<std::string>{};
+      const std::optional<PlistDictionary> pending = own.empty() ? std::nullopt : store_.externalChanges;
+      ZKVApplyStoreFileContents(store_, std::move(contents), orNull(urlOnDisk_));
+      if (store_.externalChanges) {
+        for (const std::string& key : own) {
+          if (!pending || !pending->contains(key)) store_.externalChanges->erase(key);
+        }
+        if (store_.externalChanges->empty()) store_.externalChanges.reset();
+      }
     } else if (lockedTakesReplyChangeCount()) {
       std::int64_t count = 0;
       if (const PropertyList* answered = reply.find(kChangeCountKey)) (void)answered->getInt64(count);

@@ -413,8 +413,10 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // hand-over, re-reads the file when forced; else forces the pending
   // registration and sends "synchronize" {"changes", "changecount"}
   // synchronously. A reply empties the dirty keys and either re-reads the
-  // file (forced) or takes the reply's change count (except in one host
-  // application); no reply keeps keys and counts for the next attempt.
+  // file (forced; the keys just handed over, journaled there at the count
+  // the reply names, are this process's own writes and not taken for
+  // changes made elsewhere) or takes the reply's change count (except in one
+  // host application); no reply keeps keys and counts for the next attempt.
   // Returns false only when the hand-over got no reply. Protection queue
   // only (asserted); blocks on file I/O and the round trip.
   bool lockedSynchronizeForced(bool forced);
