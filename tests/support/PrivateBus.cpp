@@ -36,11 +36,75 @@ namespace {
 PrivateBus* gBus = nullptr;  // set once by instance() on the main thread
 std::atomic<bool> gStarted{false};
 
-// Stops the bus after the last test of the run.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// In a sanitizer build, the children's sanitizer reports (responders, the
+// velmorad the bus starts, test processes run as children) go to files in a
+// directory of this process's own: nobody reads a child's standard error,
+// and the bus daemon, not the test, sees velmorad's exit status. The
+// directory is made, and the option variables the children inherit are set,
+// before main() runs, so before any thread or child exists; this process's
+// own runtime read its options earlier and keeps reporting on stderr. The
+// directory sits in VELMORA_SANITIZER_LOG_DIR when set (the test scripts
+// look there again after the run, for reports written after a test ended),
+// else in the temporary directory.
+class ChildSanitizerReports {
+ public:
+  ChildSanitizerReports() {
+    if (!kSanitized) return;
+    const char* parent = std::getenv("VELMORA_SANITIZER_LOG_DIR");
+    keep_ = parent != nullptr && *parent != '\0';
+    std::string pattern = (keep_ ? std::string(parent) : std::filesystem::temp_directory_path().string()) +
+                          "/velmora-children-XXXXXX";
+    std::error_code ignored;
+    if (keep_) std::filesystem::create_directories(parent, ignored);
+    if (::mkdtemp(pattern.data()) == nullptr) return;
+    directory_ = pattern;
+    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      const char* old = std::getenv(name);
+      std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
+      ::setenv(name, (value + "log_path=" + directory_ + "/report").c_str(), 1);
+    }
+  }
+
+  const std::string& directory() const noexcept { return directory_; }
+
+  // Fails the run once for every report written so far, printing it on
+  // stderr; removes the directory when it is empty and nobody looks again.
+  // Main thread, after the last test.
+  void check() {
+    if (directory_.empty()) return;
+    std::error_code ec;
+    bool any = false;
+    for (const auto& item : std::filesystem::directory_iterator(directory_, ec)) {
+      any = true;
+      const std::string text = readFile(item.path().string()).value_or("");
+      std::fprintf(stderr, "==== sanitizer report of a child process: %s\n%s\n", item.path().c_str(), text.c_str());
+      ADD_FAILURE() << "a child process reported a sanitizer error: " << item.path().string();
+    }
+    if (!any && !keep_) std::filesystem::remove(directory_, ec);
+  }
+
+ private:
+  std::string directory_;  // main thread only; empty when not sanitized
+  bool keep_ = false;      // main thread only
+};
+
+ChildSanitizerReports gChildReports;
+
+// Stops the bus after the last test of the run, then looks for the
+// children's sanitizer reports.
 class PrivateBusEnvironment final : public ::testing::Environment {
  public:
   void TearDown() override {
     if (gBus != nullptr) gBus->stop();
+    gChildReports.check();
   }
 };
 
@@ -184,6 +248,7 @@ std::unique_ptr<BusDaemon> BusDaemon::start() {
 BusDaemon::~BusDaemon() {
   process_.reset();
   if (!directory_.empty()) {
+    keepFilesForFuzzSeeds(directory_);
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
   }
@@ -232,6 +297,8 @@ void PrivateBus::restart() {
 void PrivateBus::stop() { daemon_.reset(); }
 
 std::string responderPath() { return VELMORA_RESPONDER_PATH; }
+
+const std::string& childSanitizerReportDirectory() { return gChildReports.directory(); }
 
 std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std::vector<std::string>& arguments,
                                              const std::string& busAddress) {

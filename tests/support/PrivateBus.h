@@ -132,6 +132,11 @@ class PrivateBus {
 // The scripted responder executable built beside the tests.
 std::string responderPath();
 
+// In a sanitizer build, the directory where the sanitizer reports of this
+// process's children land (as "report.<pid>"); a report there fails the run
+// after the last test. Empty in other builds. Made before main(); any thread.
+const std::string& childSanitizerReportDirectory();
+
 // Starts the scripted responder owning name, with extra arguments, on the
 // bus at busAddress (the private session bus when empty), and waits (up to
 // 10 s) for it to say it owns the name. Returns nullptr (after reporting a

@@ -9,7 +9,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -31,9 +33,32 @@
 
 namespace velmora::testing {
 
+// When VELMORA_FUZZ_SEED_DIR names a directory (scripts/fuzz-seeds sets it),
+// copies the regular files under directory, up to 1 MiB each, into a new
+// subdirectory of it, keeping their relative paths: the store files, journals
+// and recorded requests the tests made become fuzzing seeds. Otherwise does
+// nothing. Any thread; blocks on file I/O; never throws.
+inline void keepFilesForFuzzSeeds(const std::filesystem::path& directory) {
+  const char* seeds = std::getenv("VELMORA_FUZZ_SEED_DIR");
+  if (seeds == nullptr || *seeds == '\0') return;
+  static std::atomic<int> counter{0};
+  const std::filesystem::path into = std::filesystem::path(seeds) / (std::to_string(::getpid()) + "-" +
+                                                                     std::to_string(counter.fetch_add(1)));
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(directory, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    std::error_code fileError;
+    if (!it->is_regular_file(fileError) || it->file_size(fileError) > (1u << 20) || fileError) continue;
+    const std::filesystem::path target = into / std::filesystem::relative(it->path(), directory, fileError);
+    std::filesystem::create_directories(target.parent_path(), fileError);
+    std::filesystem::copy_file(it->path(), target, std::filesystem::copy_options::overwrite_existing, fileError);
+  }
+}
+
 // A fresh directory under the system's temporary directory, its name
-// starting with prefix, removed with everything in it on destruction.
-// Throws std::runtime_error when it cannot be made. Blocks on file I/O.
+// starting with prefix, removed with everything in it on destruction (after
+// keepFilesForFuzzSeeds()). Throws std::runtime_error when it cannot be
+// made. Blocks on file I/O.
 class ScratchDirectory {
  public:
   explicit ScratchDirectory(std::string_view prefix) {
@@ -42,6 +67,7 @@ class ScratchDirectory {
     path_ = pattern;
   }
   ~ScratchDirectory() {
+    keepFilesForFuzzSeeds(path_);
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
