@@ -1,8 +1,9 @@
-// LoadSupport: the parts of one simulated device that the load driver and the
+// LoadSupport: the parts of simulated devices that the load driver and the
 // fault tests share: a session bus at a fixed socket path that can be killed
 // and started again, child processes, bus queries that survive a restarted
-// bus, the faults a store directory can suffer, and reading a store file the
-// way the daemon wrote it.
+// bus, the faults a store directory can suffer, reading a store file the way
+// the daemon wrote it, and between devices the sync server as a process that
+// can be killed and started again and a proxy that cuts the route to it.
 //
 // Design note
 // - Threads. Only PausableProxy starts a thread (its relay, which owns every
