@@ -109,6 +109,12 @@ std::optional<std::filesystem::path> storeDirectory() {
   return any->parent_path();
 }
 
+// Where replaced store files are unlinked, off every store's queue.
+const std::shared_ptr<velmora::DispatchQueue>& janitorQueue() {
+  static const std::shared_ptr<velmora::DispatchQueue> queue = velmora::DispatchQueue::createSerial("velmorad.janitor");
+  return queue;
+}
+
 // The lock file of a store file: hidden, beside it, and not a ".plist", so
 // that the operations over every store file pass it by.
 std::filesystem::path lockPathFor(const std::filesystem::path& storeFile) {
@@ -129,7 +135,10 @@ std::filesystem::path lockPathFor(const std::filesystem::path& storeFile) {
 // Under the lock the Store notices the other's file and reads it again.
 class StoreExecutor {
  public:
-  explicit StoreExecutor(std::filesystem::path lockPath) : lockPath_(std::move(lockPath)) {}
+  // afterEach runs on the executor's thread after every work item, still
+  // under the store's lock.
+  StoreExecutor(std::filesystem::path lockPath, std::function<void()> afterEach)
+      : lockPath_(std::move(lockPath)), afterEach_(std::move(afterEach)) {}
   ~StoreExecutor() {
     stop();
     if (lockFd_ >= 0) ::close(lockFd_);
@@ -192,6 +201,7 @@ class StoreExecutor {
       lock.unlock();
       const bool locked = lockStoreFile();
       item();
+      afterEach_();
       if (locked) ::flock(lockFd_, LOCK_UN);
       item = nullptr;  // its captures go before the next wait
       lock.lock();
@@ -212,7 +222,8 @@ class StoreExecutor {
     return true;
   }
 
-  const std::filesystem::path lockPath_;  // immutable
+  const std::filesystem::path lockPath_;      // immutable
+  const std::function<void()> afterEach_;     // immutable
   int lockFd_ = -1;                       // executor thread only (closed by the destructor after stop())
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -231,8 +242,21 @@ struct Daemon::Request {
 };
 
 struct Daemon::StoreEntry {
+  // Each rewrite keeps the replaced file under a second name; once the work
+  // item that made it (its reply included) is done, a background queue
+  // unlinks it. Freeing its blocks costs about as much as an fsync here, and
+  // neither this reply nor the store's next request should wait for it.
   explicit StoreEntry(const std::string& path)
-      : queue(std::make_unique<StoreExecutor>(lockPathFor(path))), store(path), name(std::filesystem::path(path).stem().string()) {}
+      : queue(std::make_unique<StoreExecutor>(lockPathFor(path),
+                                              [this] {
+                                                std::filesystem::path kept = store.takeReplacedFile();
+                                                if (kept.empty()) return;
+                                                janitorQueue()->async([kept = std::move(kept)] { ::unlink(kept.c_str()); });
+                                              })),
+        store(path),
+        name(std::filesystem::path(path).stem().string()) {
+    store.setKeepReplacedFile(true);
+  }
   const std::unique_ptr<StoreExecutor> queue;  // immutable
   Store store;                                 // guarded by queue
   const std::string name;                      // immutable; the store's name on the sync server

@@ -123,7 +123,8 @@ PropertyList StoreLimits::dictionary() const {
 }
 
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes, std::string* error,
-                         struct stat* written) {
+                         struct stat* written, std::filesystem::path* replaced) {
+  if (replaced != nullptr) replaced->clear();
   const std::filesystem::path dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
   if (!makeDirectories(dir, error)) {
     if (error != nullptr && error->empty()) *error = "not a directory: " + dir.string();
@@ -143,14 +144,24 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
     ok = false;
     if (error != nullptr) *error = errnoText("close", temp);
   }
+  // A second name for the file being replaced ("<file>.r" and the
+  // temporary's last five characters: the shape the sweep looks for). A name
+  // that cannot be had only means the rename frees the old file itself.
+  std::string keptName;
+  if (ok && replaced != nullptr) {
+    keptName = path.string() + ".r" + temp.substr(temp.size() - 5);
+    if (::link(path.c_str(), keptName.c_str()) != 0) keptName.clear();
+  }
   if (ok && ::rename(temp.c_str(), path.c_str()) != 0) {
     ok = false;
     if (error != nullptr) *error = errnoText("rename", path);
   }
   if (!ok) {
     ::unlink(temp.c_str());
+    if (!keptName.empty()) ::unlink(keptName.c_str());
     return false;
   }
+  if (replaced != nullptr) *replaced = keptName;
   // The rename is durable only once the directory entry is.
   const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dirFd < 0 || ::fsync(dirFd) != 0) {
@@ -163,6 +174,12 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
 }
 
 Store::Store(std::filesystem::path path) : path_(std::move(path)) {}
+
+void Store::dropReplacedFile() {
+  if (replaced_.empty()) return;
+  ::unlink(replaced_.c_str());
+  replaced_.clear();
+}
 
 Store::FileStamp Store::FileStamp::of(const struct stat& info) {
   return FileStamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
@@ -267,7 +284,8 @@ bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
     return false;
   }
   struct stat written{};
-  if (!writeFileAtomically(path_, *bytes, error, &written)) {
+  dropReplacedFile();
+  if (!writeFileAtomically(path_, *bytes, error, &written, keepReplaced_ ? &replaced_ : nullptr)) {
     // A write cut off between its temporary and the rename (the directory
     // turned read-only) cannot remove that temporary either: sweep once a
     // write succeeds again.

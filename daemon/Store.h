@@ -43,6 +43,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "velmora/platform/PropertyList.h"
@@ -119,9 +120,14 @@ struct ApplyOutcome {
 // file with mode 0600; creates missing parent directories with mode 0700.
 // Returns true once the new file and its directory entry are on disk; false
 // (with *error set when given) leaves the old file untouched. Blocks on I/O.
-// When written is given, it receives the new file's stat.
+// When written is given, it receives the new file's stat. When replaced is
+// given, the file being replaced keeps a second name (*replaced, empty when
+// there was none) for the caller to unlink later: freeing its blocks then
+// happens off the path to the reply instead of inside the rename. The name
+// has the shape of a temporary, so a store's sweep removes one a crash left.
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
-                         std::string* error = nullptr, struct stat* written = nullptr);
+                         std::string* error = nullptr, struct stat* written = nullptr,
+                         std::filesystem::path* replaced = nullptr);
 
 class Store {
  public:
@@ -181,6 +187,16 @@ class Store {
   // whether a file was written. Blocks on file I/O.
   bool rewrite();
 
+  // With keep set, each rewrite leaves the replaced file under a second name
+  // until dropReplacedFile(), so that the caller can answer first and pay for
+  // freeing it after. Off by default. Never blocks.
+  void setKeepReplacedFile(bool keep) noexcept { keepReplaced_ = keep; }
+  // Unlinks the file the last rewrite replaced, if one is kept. Blocks on I/O.
+  void dropReplacedFile();
+  // Hands the caller the kept name of the replaced file (empty when none),
+  // for it to unlink; the store forgets it. Never blocks.
+  std::filesystem::path takeReplacedFile() { return std::exchange(replaced_, {}); }
+
   // Forgets the loaded copy (after the file was removed behind the store);
   // the next use reads the file again. Clients stay registered. Never blocks.
   void forgetContents();
@@ -224,6 +240,9 @@ class Store {
   std::optional<FileStamp> stamp_;                    // guarded by the store's queue; the file contents_ matches,
                                                       // nullopt when it came from no file
   bool sweptTemporaries_ = false;                     // guarded by the store's queue
+  bool keepReplaced_ = false;                         // guarded by the store's queue
+  std::filesystem::path replaced_;                    // guarded by the store's queue; kept name of the
+                                                      // replaced file, empty when none
   std::uint64_t fileReads_ = 0;                       // guarded by the store's queue
   std::map<std::string, std::int64_t> clients_;       // guarded by the store's queue; bus name -> highest
                                                       // count it released (-1: none)

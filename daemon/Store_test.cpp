@@ -265,6 +265,28 @@ TEST_F(StoreTest, KeepsItsCopyUntilTheFileChangesBehindIt) {
   EXPECT_EQ(store.fileReads(), 2u);
 }
 
+// With the replaced file kept, the old version stays readable under its
+// second name until the caller takes it; one a crash left is swept on load.
+TEST_F(StoreTest, AKeptReplacedFileIsTheOldVersionAndASweptLeftover) {
+  fs::path kept;
+  {
+    Store store(path_);
+    store.setKeepReplacedFile(true);
+    ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
+    EXPECT_TRUE(store.takeReplacedFile().empty()) << "the first write replaced nothing";
+    ASSERT_TRUE(apply(store, {{"a", record("2")}}).written);
+    kept = store.takeReplacedFile();
+    ASSERT_FALSE(kept.empty());
+    EXPECT_NE(velmora::readPlistFile(kept.string()).find("values")->find("a"), nullptr);
+    EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 2);
+    EXPECT_EQ(integerAt(velmora::readPlistFile(kept.string()), {"changecount"}), 1);
+  }
+  ASSERT_TRUE(fs::exists(kept));
+  Store again(path_);  // as after a crash before the unlink
+  EXPECT_EQ(again.keyCount(), 1u);
+  EXPECT_FALSE(fs::exists(kept));
+}
+
 TEST_F(StoreTest, UnfinishedWritesOfAKilledDaemonAreRemovedOnLoad) {
   {
     Store first(path_);

@@ -751,7 +751,9 @@ std::vector<std::string> strayFiles(const std::string& directory) {
     const std::string name = item.path().filename().string();
     // Stores, their lock files (".<store>.plist.lock", kept on purpose) and the filler.
     const bool lockFile = name.starts_with('.') && name.ends_with(".plist.lock");
-    if (item.path().extension() != ".plist" && !lockFile && name != "filler.load") stray.push_back(name);
+    // The file a write just replaced, which the daemon unlinks after its reply.
+    const bool replaced = name.size() > 13 && name.compare(name.size() - 13, 8, ".plist.r") == 0;
+    if (item.path().extension() != ".plist" && !lockFile && !replaced && name != "filler.load") stray.push_back(name);
   }
   std::sort(stray.begin(), stray.end());
   return stray;
