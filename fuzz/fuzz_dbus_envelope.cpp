@@ -14,13 +14,17 @@
 //                                value: count byte, then key/value pairs)
 //            16    (TYPE...)    (next byte % 4 + 1 members)
 //            17    a{sv}        (shorthand for the envelope shape)
-//            18    ay           (value: 2-byte little-endian length, bytes)
+//            18    ay           (value: 2-byte little-endian length, at
+//                                most the bytes left, then the bytes; any
+//                                array of y reads so)
 //   basic values: y b 1 byte; n q 2; i u 4; x t d 8 (little-endian);
-//   s o: 2-byte length then bytes (s made valid UTF-8, o made a valid path);
-//   g: a type, whose signature is the value; h: no bytes (/dev/null).
+//   s o: 2-byte length (at most the bytes left) then bytes (s made valid
+//   UTF-8, o made a valid path);
+//   g: a type, whose signature is the value; h: 1 byte, ignored (the value
+//   is /dev/null).
 //
 // Running out of bytes reads as zeros, so every input builds something
-// finite. scripts/fuzz-seeds writes real envelopes in this form.
+// finite; past 4096 basic values the message counts as refused. scripts/fuzz-seeds writes real envelopes in this form.
 //
 // Checks: readDbusDictionary() and readDbusValue() agree on the argument;
 // whatever passes the IPC check writes into a new message and reads back
@@ -31,6 +35,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -79,11 +84,20 @@ class Program {
   explicit Program(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
 
   std::uint8_t byte() { return at_ < bytes_.size() ? bytes_[at_++] : 0; }
+  // Takes one basic value from the budget; false once it is spent. Large
+  // types repeated by counts read past the end would otherwise build
+  // messages of millions of zeros.
+  bool spend() { return budget_-- > 0; }
   void read(void* out, std::size_t size) {
     auto* p = static_cast<std::uint8_t*>(out);
     for (std::size_t i = 0; i < size; ++i) p[i] = byte();
   }
-  std::size_t length() { return byte() | (std::size_t{byte()} << 8); }
+  // A 2-byte length, capped by the bytes left: zeros past the end would only
+  // make big messages of nothing.
+  std::size_t length() {
+    const std::size_t wanted = byte() | (std::size_t{byte()} << 8);
+    return std::min(wanted, bytes_.size() - std::min(at_, bytes_.size()));
+  }
   std::string text() {
     std::string s(length(), '\0');
     read(s.data(), s.size());
@@ -119,6 +133,7 @@ class Program {
  private:
   std::span<const std::uint8_t> bytes_;
   std::size_t at_ = 0;
+  int budget_ = 4096;  // basic values left to append
 };
 
 int devNull() {
@@ -150,6 +165,7 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
     std::uint64_t t;
     double d;
   } value{};
+  if (!program.spend()) return -E2BIG;
   switch (code) {
     case 'y':
       program.read(&value.y, 1);
@@ -185,6 +201,7 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
     case 'g':
       return sd_bus_message_append_basic(m, code, signature(program.type(depth)).c_str());
     case 'h': {
+      (void)program.byte();  // costs a byte, so no input asks for endless descriptors
       const int fd = devNull();
       return sd_bus_message_append_basic(m, code, &fd);
     }
@@ -263,10 +280,16 @@ struct Message {
   Message(const Message&) = delete;
   Message& operator=(const Message&) = delete;
 
-  // Seals the message and moves the read position to its first argument.
-  void seal() {
+  // Seals the message and moves the read position to its first argument;
+  // false when sd-bus refuses to seal it.
+  bool trySeal() {
     static std::uint64_t cookie = 0;
-    if (sd_bus_message_seal(m, ++cookie, 0) < 0 || sd_bus_message_rewind(m, 1) < 0) __builtin_trap();
+    if (sd_bus_message_seal(m, ++cookie, 0) < 0) return false;
+    if (sd_bus_message_rewind(m, 1) < 0) __builtin_trap();
+    return true;
+  }
+  void seal() {
+    if (!trySeal()) __builtin_trap();
   }
   void rewind() {
     if (sd_bus_message_rewind(m, 1) < 0) __builtin_trap();
@@ -281,10 +304,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Program program(std::span(data, size));
   Message built;
   const Type top = program.type(0);
-  // The bus refuses what breaks its own rules (signature length, nesting):
+  // The bus refuses what breaks its own rules (nesting, and a whole
+  // signature over 255 characters, which sd-bus notices only when sealing):
   // no sender can send that.
-  if (appendValue(built.m, top, program, 0) < 0) return 0;
-  built.seal();
+  if (appendValue(built.m, top, program, 0) < 0 || !built.trySeal()) return 0;
 
   const std::optional<PropertyList> dictionary = velmora::readDbusDictionary(built.m);
   built.rewind();
