@@ -43,6 +43,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "velmora/platform/DbusValue.h"
@@ -60,23 +61,30 @@ constexpr int kMaxTypeDepth = 80;
 struct Type {
   char code = 'y';  // a basic type, 'v', 'a', 'e' (dictionary array) or 'r' (struct)
   std::vector<Type> members;  // 'a': element; 'e': key, value; 'r': the members
+  std::string signature;      // made once: appending asks for it at every level
 };
 
-std::string signature(const Type& type) {
-  switch (type.code) {
+Type makeType(char code, std::vector<Type> members = {}) {
+  Type type{code, std::move(members), {}};
+  switch (code) {
     case 'a':
-      return "a" + signature(type.members[0]);
+      type.signature = "a" + type.members[0].signature;
+      break;
     case 'e':
-      return "a{" + signature(type.members[0]) + signature(type.members[1]) + "}";
-    case 'r': {
-      std::string s = "(";
-      for (const Type& member : type.members) s += signature(member);
-      return s + ")";
-    }
+      type.signature = "a{" + type.members[0].signature + type.members[1].signature + "}";
+      break;
+    case 'r':
+      type.signature = "(";
+      for (const Type& member : type.members) type.signature += member.signature;
+      type.signature += ")";
+      break;
     default:
-      return std::string(1, type.code);
+      type.signature = std::string(1, code);
   }
+  return type;
 }
+
+const std::string& signature(const Type& type) { return type.signature; }
 
 // What the rest of the input says, zeros once it runs out.
 class Program {
@@ -106,27 +114,27 @@ class Program {
 
   Type type(int depth) {
     const std::uint8_t tag = byte() % 19;
-    if (depth > kMaxTypeDepth) return Type{'y', {}};
-    if (tag < kBasicTypes.size()) return Type{kBasicTypes[tag], {}};
+    if (depth > kMaxTypeDepth) return makeType('y');
+    if (tag < kBasicTypes.size()) return makeType(kBasicTypes[tag]);
     switch (tag) {
       case 13:
-        return Type{'v', {}};
+        return makeType('v');
       case 14:
-        return Type{'a', {type(depth + 1)}};
+        return makeType('a', {type(depth + 1)});
       case 15: {
-        Type key{kBasicTypes[byte() % kBasicTypes.size()], {}};
-        return Type{'e', {key, type(depth + 2)}};
+        Type key = makeType(kBasicTypes[byte() % kBasicTypes.size()]);
+        return makeType('e', {key, type(depth + 2)});
       }
       case 16: {
-        Type structure{'r', {}};
+        std::vector<Type> members;
         const int count = byte() % 4 + 1;
-        for (int i = 0; i < count; ++i) structure.members.push_back(type(depth + 1));
-        return structure;
+        for (int i = 0; i < count; ++i) members.push_back(type(depth + 1));
+        return makeType('r', std::move(members));
       }
       case 17:
-        return Type{'e', {Type{'s', {}}, Type{'v', {}}}};
+        return makeType('e', {makeType('s'), makeType('v')});
       default:
-        return Type{'a', {Type{'y', {}}}};
+        return makeType('a', {makeType('y')});
     }
   }
 
@@ -241,7 +249,7 @@ int appendValue(sd_bus_message* m, const Type& type, Program& program, int depth
       break;
     }
     case 'r': {
-      const std::string whole = signature(type);
+      const std::string& whole = signature(type);
       r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, whole.substr(1, whole.size() - 2).c_str());
       for (const Type& member : type.members) {
         if (r >= 0) r = appendValue(m, member, program, depth + 1);
