@@ -424,17 +424,22 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   }
   next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
 
+  if (!commitContents(std::move(next), outcome)) return outcome;
+  outcome.written = true;
+  return outcome;
+}
+
+bool Store::commitContents(PlistDictionary next, ApplyOutcome& outcome) {
   std::string error;
   if (!writeContents(next, &error)) {
     outcome = ApplyOutcome{};
     outcome.writeFailed = true;
     outcome.error = "writing the store failed: " + error;
     log().log(LogLevel::Error, "Store " + path_.string() + ": " + outcome.error);
-    return outcome;
+    return false;
   }
   contents_ = std::move(next);
-  outcome.written = true;
-  return outcome;
+  return true;
 }
 
 ApplyOutcome Store::applyServerEdit(const ServerEdit& edit) {
@@ -477,15 +482,7 @@ ApplyOutcome Store::applyServerEdit(const ServerEdit& edit) {
   }
   if (next == *contents_) return outcome;  // nothing to write
 
-  std::string error;
-  if (!writeContents(next, &error)) {
-    outcome = ApplyOutcome{};
-    outcome.writeFailed = true;
-    outcome.error = "writing the store failed: " + error;
-    log().log(LogLevel::Error, "Store " + path_.string() + ": " + outcome.error);
-    return outcome;
-  }
-  contents_ = std::move(next);
+  if (!commitContents(std::move(next), outcome)) return outcome;
   outcome.written = !edit.journal.empty();
   outcome.rewrittenQuietly = !outcome.written;
   return outcome;

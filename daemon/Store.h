@@ -231,6 +231,9 @@ class Store {
   std::int64_t loadedChangeCount() const;
   // Encodes and writes contents durably; false with *error set on failure.
   bool writeContents(const velmora::PlistDictionary& contents, std::string* error);
+  // Writes next and makes it the loaded copy. On failure leaves memory as it
+  // was, resets outcome to a refusal saying why, logs, and returns false.
+  bool commitContents(velmora::PlistDictionary next, ApplyOutcome& outcome);
   // Removes journal entries every client released; writes when any went.
   // False only when that write failed (memory then keeps the entries).
   bool pruneJournal();
