@@ -220,12 +220,14 @@ void Store::ensureLoaded() {
     if (!changedOnDisk()) return;
     log().log(LogLevel::Default, "Store file " + path_.string() + " changed on disk; reading it again");
     contents_.reset();
+    sizes_.reset();
   }
   if (!sweptTemporaries_) {
     sweptTemporaries_ = true;
     removeStaleTemporaries();
   }
   contents_.emplace();
+  sizes_.reset();
   stamp_.reset();
   struct stat info{};
   if (::stat(path_.c_str(), &info) != 0) return;  // no file yet: an empty store
@@ -347,6 +349,13 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   StoreSyncState syncState = StoreSyncState::of(next);
   const StoreSyncState oldSyncState = syncState;
 
+  ensureSizesCounted();
+  std::uint64_t total = sizes_->total;
+  auto sizeOf = [this](const std::string& key) -> std::uint64_t {
+    auto found = sizes_->sizes.find(key);
+    return found != sizes_->sizes.end() ? found->second : 0;
+  };
+  SizeUpdates sizeUpdates;
   std::vector<std::string> changed;
   // Removals first, so that they make room for the values that follow.
   for (const auto& [key, record] : changes) {
@@ -363,9 +372,9 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     }
     values.erase(existing);
     changed.push_back(key);
+    total -= sizeOf(key);
+    sizeUpdates.emplace_back(key, std::nullopt);
   }
-  std::uint64_t total = 0;
-  for (const auto& [key, record] : values) total += recordSize(record);
   for (const auto& [key, record] : changes) {
     if (record.count() == 0) continue;
     auto existing = values.find(key);
@@ -377,7 +386,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
                               : record;
     if (merged == previous) continue;
 
-    const std::uint64_t oldSize = previous.isNone() ? 0 : recordSize(previous);
+    const std::uint64_t oldSize = previous.isNone() ? 0 : sizeOf(key);
     const std::uint64_t newSize = recordSize(merged);
     bool fits = true;
     if (previous.isNone()) {
@@ -394,6 +403,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
       continue;
     }
     total = total - oldSize + newSize;
+    sizeUpdates.emplace_back(key, newSize);
     values[key] = std::move(merged);
     syncState.deleted.erase(key);
     changed.push_back(key);
@@ -424,12 +434,26 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   }
   next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
 
-  if (!commitContents(std::move(next), outcome)) return outcome;
+  if (!commitContents(std::move(next), outcome, &sizeUpdates)) return outcome;
   outcome.written = true;
   return outcome;
 }
 
-bool Store::commitContents(PlistDictionary next, ApplyOutcome& outcome) {
+void Store::ensureSizesCounted() {
+  if (sizes_) return;
+  sizes_.emplace();
+  auto valuesIt = contents_->find(kStoreValuesKey);
+  const PlistDictionary* values = valuesIt != contents_->end() ? valuesIt->second.getDictionary() : nullptr;
+  if (values == nullptr) return;
+  sizes_->sizes.reserve(values->size());
+  for (const auto& [key, record] : *values) {
+    const std::uint64_t size = recordSize(record);
+    sizes_->sizes.emplace(key, size);
+    sizes_->total += size;
+  }
+}
+
+bool Store::commitContents(PlistDictionary next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates) {
   std::string error;
   if (!writeContents(next, &error)) {
     outcome = ApplyOutcome{};
@@ -439,6 +463,21 @@ bool Store::commitContents(PlistDictionary next, ApplyOutcome& outcome) {
     return false;
   }
   contents_ = std::move(next);
+  if (sizeUpdates == nullptr || !sizes_) {
+    sizes_.reset();
+    return true;
+  }
+  for (const auto& [key, size] : *sizeUpdates) {
+    auto found = sizes_->sizes.find(key);
+    if (found != sizes_->sizes.end()) {
+      sizes_->total -= found->second;
+      if (!size) sizes_->sizes.erase(found);
+    }
+    if (size) {
+      sizes_->sizes[key] = *size;
+      sizes_->total += *size;
+    }
+  }
   return true;
 }
 
@@ -542,6 +581,7 @@ bool Store::rewrite() {
 
 void Store::forgetContents() {
   contents_.reset();
+  sizes_.reset();
   stamp_.reset();
 }
 

@@ -43,6 +43,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -231,9 +232,15 @@ class Store {
   std::int64_t loadedChangeCount() const;
   // Encodes and writes contents durably; false with *error set on failure.
   bool writeContents(const velmora::PlistDictionary& contents, std::string* error);
-  // Writes next and makes it the loaded copy. On failure leaves memory as it
-  // was, resets outcome to a refusal saying why, logs, and returns false.
-  bool commitContents(velmora::PlistDictionary next, ApplyOutcome& outcome);
+  // What applyChanges learnt of the sizes: a key's new size, or nullopt for
+  // a key that went.
+  using SizeUpdates = std::vector<std::pair<std::string, std::optional<std::uint64_t>>>;
+  // Writes next and makes it the loaded copy; sizes_ then takes sizeUpdates,
+  // or is dropped when there are none. On failure leaves memory as it was,
+  // resets outcome to a refusal saying why, logs, and returns false.
+  bool commitContents(velmora::PlistDictionary next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates = nullptr);
+  // sizes_, counted from contents_'s values when it is not there.
+  void ensureSizesCounted();
   // Removes journal entries every client released; writes when any went.
   // False only when that write failed (memory then keeps the entries).
   bool pruneJournal();
@@ -247,6 +254,15 @@ class Store {
   std::filesystem::path replaced_;                    // guarded by the store's queue; kept name of the
                                                       // replaced file, empty when none
   std::uint64_t fileReads_ = 0;                       // guarded by the store's queue
+  // Each value's size as the limits count it, and their sum, so that a write
+  // costs the keys it touches rather than a pass over the whole store.
+  struct SizeIndex {
+    std::unordered_map<std::string, std::uint64_t> sizes;
+    std::uint64_t total = 0;
+  };
+  std::optional<SizeIndex> sizes_;                    // guarded by the store's queue; for contents_'s values,
+                                                      // nullopt until counted (dropped whenever contents_ is
+                                                      // replaced other than by applyChanges)
   std::map<std::string, std::int64_t> clients_;       // guarded by the store's queue; bus name -> highest
                                                       // count it released (-1: none)
 };
