@@ -9,9 +9,14 @@
 #include <cstdlib>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Log.h"
+#include "velmora/platform/PlistCodec.h"
 #include "zkv/ZKVEncoding.h"
 #include "zkv/ZKVLog.h"
 #include "zkv/ZKVRemotePreferencesSource.h"
@@ -19,6 +24,7 @@
 using velmora::DispatchQueue;
 using velmora::LogLevel;
 using velmora::PropertyList;
+using KeySetAlias = ZKVRemotePreferencesSource::KeySet;
 
 // ---------------------------------------------------------------------------
 // Results.
@@ -32,6 +38,26 @@ const NimbrelError& NimbrelResult::error() const {
 }
 
 namespace {
+
+// A whole file's bytes; nullopt when it cannot be read.
+std::optional<velmora::Bytes> readSmallFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat info{};
+  std::optional<velmora::Bytes> bytes;
+  if (::fstat(fd, &info) == 0 && info.st_size >= 0) {
+    bytes.emplace(static_cast<std::size_t>(info.st_size));
+    std::size_t done = 0;
+    while (done < bytes->size()) {
+      const ssize_t n = ::pread(fd, bytes->data() + done, bytes->size() - done, static_cast<off_t>(done));
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    if (done != bytes->size()) bytes.reset();
+  }
+  ::close(fd);
+  return bytes;
+}
 
 // ---------------------------------------------------------------------------
 // The registry: one live store per identity in the process.
@@ -194,6 +220,13 @@ void NimbrelStore::start() {
         });
       });
   source_->registerForCorvane();
+  // The first load reports every journal entry as a change made elsewhere;
+  // for a store that did not exist yet they are history, not news.
+  source_->protectionQueue()->sync([&] {
+    if (!source_->lockedLoadState().cache) source_->lockedCachePlistFromDisk();
+    (void)source_->copyExternalChangesWithChangeCount(nullptr);
+    cleanCount_ = source_->lockedLoadState().storageChangeCount;
+  });
 }
 
 NimbrelStore::~NimbrelStore() {
@@ -407,7 +440,41 @@ void NimbrelStore::lockedRecountSizes() {
   sizesValid_ = true;
 }
 
-bool NimbrelStore::synchronize() { return source_->synchronize(); }
+bool NimbrelStore::synchronize() {
+  std::int64_t before = -1;
+  bool wasClean = false;
+  source_->protectionQueue()->sync([&] {
+    before = source_->lockedLoadState().storageChangeCount;
+    wasClean = cleanCount_ >= 0 && cleanCount_ == before;
+  });
+  const bool replied = source_->synchronize();
+  source_->protectionQueue()->sync([&] {
+    const std::int64_t after = source_->lockedLoadState().storageChangeCount;
+    // Answered with the very next count, the daemon stored exactly what was
+    // handed over on top of the file the cache matched; any other count
+    // means someone else wrote in between (unless a reload meanwhile set
+    // cleanCount_ to it).
+    if (wasClean && after == before + 1) {
+      cleanCount_ = after;
+    } else if (cleanCount_ != after) {
+      cleanCount_ = -1;
+    }
+  });
+  return replied;
+}
+
+bool NimbrelStore::lockedFileUnchanged() const {
+  const ZKVStoreLoadState& state = source_->lockedLoadState();
+  const std::optional<KeySetAlias>& dirty = source_->lockedDirtyKeys();
+  if (!state.cache || cleanCount_ < 0 || state.storageChangeCount != cleanCount_) return false;
+  if (dirty && !dirty->empty()) return false;
+  if (!source_->urlOnDisk()) return false;
+  std::optional<velmora::Bytes> bytes = readSmallFile(source_->urlOnDisk()->native());
+  if (!bytes) return false;
+  std::int64_t count = -1;
+  const PropertyList onDisk = velmora::decodeBinaryPlistEntry(*bytes, "changecount");
+  return onDisk.isNumber() && onDisk.getInt64(count) && count == cleanCount_;
+}
 
 // ---------------------------------------------------------------------------
 // Changes made elsewhere.
@@ -434,13 +501,25 @@ void NimbrelStore::handleExternalChange() {
   // No writeMutex_ here: this runs on a pool worker, and a writer holding the
   // mutex may be waiting for work that needs a free worker. The next write
   // sees the flag and counts the sizes afresh.
-  source_->synchronizeForced(true);
-  sizesStale_.store(true, std::memory_order_release);
+  bool unchanged = false;
+  source_->protectionQueue()->sync([&] { unchanged = lockedFileUnchanged(); });
+  if (!unchanged) {
+    source_->synchronizeForced(true);
+    sizesStale_.store(true, std::memory_order_release);
+  }
   std::int64_t changeCount = 0;
   std::optional<std::map<std::int64_t, std::vector<std::string>>> changes;
   // Taking the changes does not enter the protection queue by itself; doing
   // it there orders it with a load that a read on another thread may start.
-  source_->protectionQueue()->sync([&] { changes = source_->copyExternalChangesWithChangeCount(&changeCount); });
+  source_->protectionQueue()->sync([&] {
+    if (!unchanged) {
+      // The forced hand-over re-read the whole file; a key written since
+      // (on another thread) keeps the cache apart from it.
+      const std::optional<KeySetAlias>& dirty = source_->lockedDirtyKeys();
+      cleanCount_ = dirty && !dirty->empty() ? -1 : source_->lockedLoadState().storageChangeCount;
+    }
+    changes = source_->copyExternalChangesWithChangeCount(&changeCount);
+  });
   if (!changes || changes->empty()) return;
   DispatchQueue::main().async([self = shared_from_this(), batch = std::move(*changes), changeCount] {
     self->deliverChanges(batch, changeCount);

@@ -328,6 +328,60 @@ TEST_F(NimbrelStoreTest, ObserversHearChangesOnTheMainQueueBeforeTheJournalIsDis
   EXPECT_EQ(store->getString("a"), "2");
 }
 
+TEST_F(NimbrelStoreTest, ANewStoreHearsOnlyWhatChangesAfterItAppears) {
+  startDaemon();
+  // History: entries a process that starts now has nothing to learn from.
+  writeStoreFile(app_, {{"a", str("1")}, {"gone", str("x")}}, 5, {{"a", journalEntry(4, 0)}, {"gone", journalEntry(5, 2)}});
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  ObserverLog log;
+  store->addObserver([&](const NimbrelChange& change) {
+    std::lock_guard lock(log.mutex);
+    log.changes.push_back(change);
+  });
+
+  // A notice while the file stands at the store's own count (its own
+  // hand-over coming back, say): nothing is news.
+  ASSERT_TRUE(announceChange());
+  // Then a real change; notices are handled in order, so a report of the
+  // history would come first.
+  writeStoreFile(app_, {{"a", str("1")}, {"b", str("2")}}, 6, {{"a", journalEntry(4, 0)}, {"b", journalEntry(6, 0)}});
+  ASSERT_TRUE(announceChange());
+  ASSERT_TRUE(waitUntil([&] { return log.size() >= 1; }, kPatience));
+  {
+    std::lock_guard lock(log.mutex);
+    EXPECT_EQ(log.changes, (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"b"}}}));
+  }
+  EXPECT_EQ(store->getString("b"), "2");
+  EXPECT_EQ(store->getString("a"), "1");
+}
+
+TEST_F(NimbrelStoreTest, AHandOverAnsweredPastAnotherWriterStillRereadsTheFile) {
+  // The daemon stored another process's "b" at 6 between this store's load
+  // (at 5) and its hand-over, which it answers with 7.
+  const fs::path script = root_ / "script.plist";
+  const PropertyList file = storeWith(records({{"a", str("1")}, {"b", str("other")}, {"c", str("mine")}}), 7,
+                                      {{"journal", PropertyList::dictionary({{"b", journalEntry(6, 0)},
+                                                                             {"c", journalEntry(7, 0)}})}});
+  ASSERT_TRUE(writePlistFile(
+      script.string(),
+      PropertyList::dictionary({{"synchronize", makeDictionary({{"writeFile", str(storeFilePath(root_, app_).string())},
+                                                                {"fileContents", file},
+                                                                {"userinfo", makeDictionary({{"changecount",
+                                                                                           PropertyList::integer(7)}})}})}})));
+  daemon_ = startResponder(busName_, {"--default", "userinfo", "--script", script.string()});
+  ASSERT_NE(daemon_, nullptr);
+  writeStoreFile(app_, {{"a", str("1")}}, 5);
+  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  ASSERT_TRUE(store->setString("c", "mine").ok());
+  ASSERT_TRUE(store->synchronize());
+  ASSERT_EQ(store->getObject("b"), std::nullopt);
+
+  // The count matches the file's, but the cache never saw "b".
+  ASSERT_TRUE(announceChange());
+  EXPECT_TRUE(waitUntil([&] { return store->getString("b") == "other"; }, kPatience));
+  EXPECT_EQ(store->getString("c"), "mine");
+}
+
 TEST_F(NimbrelStoreTest, DebugDescriptionIsOneConsoleLineWithOrWithoutADaemon) {
   std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::storeWithIdentifier("S"));
   const std::string description = "<NimbrelStore app=" + app_ + " store=S>";

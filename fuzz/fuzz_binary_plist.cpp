@@ -1,5 +1,6 @@
 // Decodes arbitrary bytes as a binary property list. Whatever decodes must
-// encode again, decode back to an equal value, and encode to the same bytes.
+// encode again, decode back to an equal value, and encode to the same bytes;
+// the single-entry read must agree with the whole decode.
 #include <cstddef>
 #include <cstdint>
 #include <set>
@@ -40,6 +41,14 @@ bool same(const PropertyList& a, const PropertyList& b, Seen& seen) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const PropertyList value = velmora::decodeBinaryPlist(std::span(data, size));
+  // A single entry read of the top dictionary: never a crash, and on a file
+  // that decodes whole, exactly the entry the whole decode has.
+  const PropertyList count = velmora::decodeBinaryPlistEntry(std::span(data, size), "changecount");
+  if (!value.isNone()) {
+    const PropertyList* whole = value.find("changecount");
+    Seen seen;
+    if (whole == nullptr ? !count.isNone() : !same(*whole, count, seen)) __builtin_trap();
+  }
   if (value.isNone()) return 0;
   const auto encoded = velmora::encodeBinaryPlist(value);
   if (!encoded) __builtin_trap();

@@ -145,6 +145,29 @@ class BinaryReader {
     return result;
   }
 
+  // The top dictionary's value for key, decoding nothing else; none when
+  // the key is absent or anything on the way is malformed.
+  PropertyList runEntry(std::string_view wanted) {
+    if (!readTrailer()) return {};
+    const Location at = locate(top_);
+    if ((data_[at.offset] & 0xF0) != kMarkerDict) return {};
+    std::size_t pos = at.offset;
+    std::uint64_t n = 0;
+    if (!readCount(pos, at.limit, n) || n > (at.limit - pos) / (2 * std::uint64_t{refSize_})) return {};
+    const std::uint8_t* refs = data_ + pos;
+    // Of repeated keys the last wins, as in a full decode.
+    for (std::uint64_t i = n; i-- > 0;) {
+      std::string_view key;
+      if (!keyAt(refAt(refs, i), key)) return {};
+      if (key != wanted) continue;
+      PropertyList value;
+      unsigned height = 0;
+      if (!decode(refAt(refs + n * refSize_, i), 1, height, value)) return {};
+      return value;
+    }
+    return {};
+  }
+
  private:
   // Slot states for objects that carry a payload (strings, data, containers).
   static constexpr std::uint32_t kUnseen = 0;
@@ -851,6 +874,15 @@ PropertyList decodeBinaryPlist(std::span<const std::uint8_t> bytes) {
     return BinaryReader(bytes, scratch).run();
   } catch (const std::bad_alloc&) {
     return {};  // a (valid or forged) count too large for memory
+  }
+}
+
+PropertyList decodeBinaryPlistEntry(std::span<const std::uint8_t> bytes, std::string_view key) {
+  thread_local ReaderScratch scratch;
+  try {
+    return BinaryReader(bytes, scratch).runEntry(key);
+  } catch (const std::bad_alloc&) {
+    return {};
   }
 }
 

@@ -589,6 +589,21 @@ TEST(BinaryPlist, TruncationAndCorruptionNeverYieldBadValues) {
   }
 }
 
+TEST(BinaryPlist, ReadsOneEntryOfTheTopDictionary) {
+  const PropertyList nested = makeDictionary({{"k", makeArray({PropertyList::string("deep")})}});
+  const Bytes file = encodeBinaryPlist(makeDictionary({{"changecount", PropertyList::integer(41)},
+                                                       {"values", nested},
+                                                       {"\xc3\xa9t\xc3\xa9", PropertyList::boolean(true)}}))
+                         .value();
+  EXPECT_EQ(decodeBinaryPlistEntry(file, "changecount"), PropertyList::integer(41));
+  EXPECT_EQ(decodeBinaryPlistEntry(file, "values"), nested);
+  EXPECT_EQ(decodeBinaryPlistEntry(file, "\xc3\xa9t\xc3\xa9"), PropertyList::boolean(true));  // a UTF-16 key
+  EXPECT_TRUE(decodeBinaryPlistEntry(file, "journal").isNone());
+  EXPECT_TRUE(decodeBinaryPlistEntry(encodeBinaryPlist(makeArray({PropertyList::integer(1)})).value(), "0").isNone());
+  for (std::size_t n = 0; n < file.size(); ++n)
+    EXPECT_TRUE(decodeBinaryPlistEntry(std::span(file).first(n), "changecount").isNone()) << "prefix " << n;
+}
+
 TEST(BinaryPlist, WritesEqualScalarsOnceAndSharesOnRead) {
   PlistArray same(100, PropertyList::string("the same string, written once"));
   for (int i = 0; i < 100; ++i) same.push_back(PropertyList::string("the same string, written once"));

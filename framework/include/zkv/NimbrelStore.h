@@ -22,6 +22,12 @@
 //   observers on the main queue (velmora::DispatchQueue::main()) and, after
 //   them, lets the daemon drop the journal entries. In application-driven
 //   main-queue mode observers run only while the application drains it.
+//   The creation of a store reads the store file once and forgets what its
+//   journal tells: changes made before the store existed are not news to
+//   it. A notice that finds the file's change count where the store already
+//   stands, with the cache known to match that file and nothing waiting to
+//   be handed over, needs no reload: it is this process's own hand-over, or
+//   another store's change, coming back.
 // - Don't. Call the store from the source's protection queue or its client's
 //   queue (the dispatch layer aborts on that). Calling synchronize() or
 //   printDebugDescription() from the main queue is allowed but stalls
@@ -292,6 +298,10 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   void lockedRecountSizes();
   // changeQueue_: reload, take the changes, hand them to the observers.
   void handleExternalChange();
+  // Whether the store file still is the one the cache matches (cleanCount_),
+  // so that a notice needs no reload. Protection queue only; reads the
+  // file's change count, decoding nothing else.
+  bool lockedFileUnchanged() const;
   // Main queue: calls the observers for one batch, then has changeQueue_
   // tell the daemon that the batch's journal entries may go.
   void deliverChanges(const std::map<std::int64_t, std::vector<std::string>>& changes, std::int64_t changeCount);
@@ -307,6 +317,11 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   // Set while a change notification waits on changeQueue_, so that a burst
   // gives one reload. Atomic.
   std::atomic<bool> changePending_{false};
+  // Guarded by the source's protection queue. The change count at which the
+  // source's cache is known to equal the store file (apart from keys still
+  // to be handed over): set by a load of the whole file, carried forward by
+  // a hand-over the daemon answered with the next count; -1 when unknown.
+  std::int64_t cleanCount_ = -1;
 
   std::mutex writeMutex_;        // guards the three fields below
   SizeTable sizes_;              // guarded by writeMutex_

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <string>
 
 #include "velmora/platform/PropertyList.h"
@@ -31,6 +32,12 @@ std::size_t appendBinaryPlist(const PropertyList& value, Bytes& out);
 // Of repeated dictionary keys the last entry wins (earlier values are not
 // decoded). Also none when the decoded value would not fit in memory.
 PropertyList decodeBinaryPlist(std::span<const std::uint8_t> bytes);
+
+// The value under key in a binary property list whose top object is a
+// dictionary, decoding only what it needs (a large file's other entries are
+// not touched). None when the key is absent or the bytes are malformed on
+// the way to it. Caller owns the result.
+PropertyList decodeBinaryPlistEntry(std::span<const std::uint8_t> bytes, std::string_view key);
 
 // XML property list (UTF-8, with a plist DOCTYPE). Returns nullopt when the
 // value is not valid for the binary format (the same rules apply), and also
