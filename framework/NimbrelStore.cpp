@@ -24,7 +24,6 @@
 using velmora::DispatchQueue;
 using velmora::LogLevel;
 using velmora::PropertyList;
-using KeySetAlias = ZKVRemotePreferencesSource::KeySet;
 
 // ---------------------------------------------------------------------------
 // Results.
@@ -441,22 +440,27 @@ void NimbrelStore::lockedRecountSizes() {
 }
 
 bool NimbrelStore::synchronize() {
-  std::int64_t before = -1;
-  bool wasClean = false;
+  bool replied = false;
+  // One queue item, so that the notice of this very hand-over, which may
+  // arrive before the reply is handled, finds the clean mark already moved.
   source_->protectionQueue()->sync([&] {
-    before = source_->lockedLoadState().storageChangeCount;
-    wasClean = cleanCount_ >= 0 && cleanCount_ == before;
-  });
-  const bool replied = source_->synchronize();
-  source_->protectionQueue()->sync([&] {
+    source_->lockedZkvStartTransaction();
+    struct EndTransaction {
+      ZKVRemotePreferencesSource& source;
+      ~EndTransaction() { source.lockedZkvEndTransaction(); }
+    } endTransaction{*source_};
+    const std::int64_t before = source_->lockedLoadState().storageChangeCount;
+    const bool wasClean = cleanCount_ >= 0 && cleanCount_ == before;
+    replied = source_->lockedSynchronizeForced(false);
     const std::int64_t after = source_->lockedLoadState().storageChangeCount;
     // Answered with the very next count, the daemon stored exactly what was
     // handed over on top of the file the cache matched; any other count
-    // means someone else wrote in between (unless a reload meanwhile set
-    // cleanCount_ to it).
+    // means someone else wrote in between. A load inside the hand-over (of
+    // an evicted cache) sets the mark itself only through a notice, so it
+    // leaves it unknown here.
     if (wasClean && after == before + 1) {
       cleanCount_ = after;
-    } else if (cleanCount_ != after) {
+    } else if (after != before) {
       cleanCount_ = -1;
     }
   });
@@ -464,10 +468,10 @@ bool NimbrelStore::synchronize() {
 }
 
 bool NimbrelStore::lockedFileUnchanged() const {
+  // Keys not yet handed over need no hand-over here: with the file as it
+  // was, skipping the reload keeps them in the cache just the same.
   const ZKVStoreLoadState& state = source_->lockedLoadState();
-  const std::optional<KeySetAlias>& dirty = source_->lockedDirtyKeys();
   if (!state.cache || cleanCount_ < 0 || state.storageChangeCount != cleanCount_) return false;
-  if (dirty && !dirty->empty()) return false;
   if (!source_->urlOnDisk()) return false;
   std::optional<velmora::Bytes> bytes = readSmallFile(source_->urlOnDisk()->native());
   if (!bytes) return false;
@@ -512,12 +516,9 @@ void NimbrelStore::handleExternalChange() {
   // Taking the changes does not enter the protection queue by itself; doing
   // it there orders it with a load that a read on another thread may start.
   source_->protectionQueue()->sync([&] {
-    if (!unchanged) {
-      // The forced hand-over re-read the whole file; a key written since
-      // (on another thread) keeps the cache apart from it.
-      const std::optional<KeySetAlias>& dirty = source_->lockedDirtyKeys();
-      cleanCount_ = dirty && !dirty->empty() ? -1 : source_->lockedLoadState().storageChangeCount;
-    }
+    // The forced hand-over re-read the whole file (keys written since on
+    // other threads are dirty, which the clean mark allows for).
+    if (!unchanged) cleanCount_ = source_->lockedLoadState().storageChangeCount;
     changes = source_->copyExternalChangesWithChangeCount(&changeCount);
   });
   if (!changes || changes->empty()) return;

@@ -25,9 +25,9 @@
 //   The creation of a store reads the store file once and forgets what its
 //   journal tells: changes made before the store existed are not news to
 //   it. A notice that finds the file's change count where the store already
-//   stands, with the cache known to match that file and nothing waiting to
-//   be handed over, needs no reload: it is this process's own hand-over, or
-//   another store's change, coming back.
+//   stands, with the cache known to match that file (apart from keys not
+//   yet handed over), needs no reload: it is this process's own hand-over,
+//   or another store's change, coming back.
 // - Don't. Call the store from the source's protection queue or its client's
 //   queue (the dispatch layer aborts on that). Calling synchronize() or
 //   printDebugDescription() from the main queue is allowed but stalls
