@@ -126,17 +126,24 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
                          struct stat* written, std::filesystem::path* replaced) {
   if (replaced != nullptr) replaced->clear();
   const std::filesystem::path dir = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
-  if (!makeDirectories(dir, error)) {
-    if (error != nullptr && error->empty()) *error = "not a directory: " + dir.string();
-    return false;
-  }
+  // The directory is made only when the temporary cannot be: the usual write
+  // spends no system call on it. mkstemp creates the file 0600 whatever the
+  // umask.
   std::string temp = path.string() + ".XXXXXX";
-  const int fd = ::mkstemp(temp.data());
+  int fd = ::mkstemp(temp.data());
+  if (fd < 0 && errno == ENOENT) {
+    if (!makeDirectories(dir, error)) {
+      if (error != nullptr && error->empty()) *error = "not a directory: " + dir.string();
+      return false;
+    }
+    temp = path.string() + ".XXXXXX";
+    fd = ::mkstemp(temp.data());
+  }
   if (fd < 0) {
     if (error != nullptr) *error = errnoText("mkstemp", temp);
     return false;
   }
-  bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
   // The rename keeps inode, size and mtime: this is the stat the file will have.
   if (ok && written != nullptr) ok = ::fstat(fd, written) == 0;
   if (!ok && error != nullptr) *error = errnoText("write", temp);
