@@ -13,13 +13,17 @@
 //   "migrate" run on one global queue that syncs onto store queues (never the
 //   reverse). "ping" and the requests that need no store are answered on the
 //   bus thread at once, never behind a disk write.
-// - Replies. Work on a queue ends by handing (call, reply value) to the
-//   outbox and poking an eventfd; the bus thread builds and sends the reply
-//   message. A call's reference is taken and dropped on the bus thread only.
+// - Replies. Work on a queue ends by sending the reply itself when the bus
+//   thread is polling (busMutex_ free), else by handing (call, reply value)
+//   to the outbox and poking an eventfd, for the bus thread to send. Every
+//   use of the connection and its messages holds busMutex_, which the bus
+//   thread holds except while it polls.
 // - Guards. registryMutex_ guards stores_; outboxMutex_ guards outbox_;
 //   defaultsMutex_ guards defaultsConfigs_. Each is a leaf: no queue work,
-//   bus call or other lock runs while one is held. A Store is touched only
-//   from its entry's queue.
+//   bus call or other lock runs while one is held. busMutex_ guards bus_ and
+//   the messages on it; queue threads only try it (never wait for it), so
+//   holding it while dispatching requests waits for no queue. A Store is
+//   touched only from its entry's queue.
 // - Waiting order: global queue -> store queues; sync thread -> store
 //   queues. The bus thread waits for the engine and the queues only at
 //   shutdown, when it no longer reads requests; it then stops
@@ -36,6 +40,8 @@
 #pragma once
 
 #include <cstdint>
+#include <thread>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -146,7 +152,9 @@ class Daemon {
   void handleAccountRequest(sd_bus_message* call, const Request& request);
 
   const std::string busAddress_;                               // immutable
-  sd_bus* bus_ = nullptr;                                      // bus thread only
+  std::mutex busMutex_;  // guards bus_ and its messages; the bus thread's except while it polls
+  std::atomic<std::thread::id> busThread_{};  // atomic; the thread in run(), which holds busMutex_
+  sd_bus* bus_ = nullptr;                                      // set by run(); used under busMutex_
   int wakeFd_ = -1;                                            // eventfd; set by run() before any queue work
   const std::shared_ptr<velmora::DispatchQueue> globalQueue_;  // immutable
   const StoreLimits limits_;                                   // immutable

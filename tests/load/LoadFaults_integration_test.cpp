@@ -218,10 +218,14 @@ TEST_F(OneDevice, AcknowledgedWritesSurviveDaemonKillsDuringWrites) {
   constexpr int kKills = 4;
   struct Writer {
     std::shared_ptr<NimbrelStore> store;
-    std::map<std::string, std::string> acknowledged;  // written by its thread, read after the join
-    std::vector<std::string> waiting;                 // keys not yet acknowledged; its thread
+    std::map<std::string, std::string> acknowledged;  // key -> last acknowledged value; its thread, then read
+    std::vector<std::pair<std::string, std::string>> waiting;  // written, not yet acknowledged; its thread
     int failures = 0;
+    bool refused = false;  // a write was refused (it should never be); its thread
   };
+  // Keys are reused, so that a fast daemon never brings a writer to the
+  // store's key limit.
+  constexpr int kKeys = 200;
   std::vector<Writer> writers(kWriters);
   for (int w = 0; w < kWriters; ++w) {
     writers[w].store = NimbrelStore::storeForApplication("com.example.faults.killed" + std::to_string(w));
@@ -233,15 +237,19 @@ TEST_F(OneDevice, AcknowledgedWritesSurviveDaemonKillsDuringWrites) {
     threads.emplace_back([&, w] {
       Writer& writer = writers[w];
       for (int i = 0; !stop.load(); ++i) {
-        const std::string key = "k" + std::to_string(i);
-        if (!writer.store->setString(key, "v" + std::to_string(i)).ok()) break;
-        writer.waiting.push_back(key);
+        const std::string key = "k" + std::to_string(i % kKeys);
+        const std::string value = "v" + std::to_string(i);
+        if (!writer.store->setString(key, value).ok()) {
+          writer.refused = true;
+          break;
+        }
+        writer.waiting.emplace_back(key, value);
         if (!writer.store->synchronize()) {
           ++writer.failures;
           continue;
         }
         // A success hands over everything a failure kept.
-        for (const std::string& k : writer.waiting) writer.acknowledged[k] = "v" + k.substr(1);
+        for (const auto& [k, v] : writer.waiting) writer.acknowledged[k] = v;
         writer.waiting.clear();
       }
     });
@@ -267,9 +275,10 @@ TEST_F(OneDevice, AcknowledgedWritesSurviveDaemonKillsDuringWrites) {
   for (int w = 0; w < kWriters; ++w) {
     Writer& writer = writers[w];
     // What the last failures kept goes now.
+    EXPECT_FALSE(writer.refused) << "writer " << w;
     if (!writer.waiting.empty()) {
       ASSERT_TRUE(writer.store->synchronize());
-      for (const std::string& k : writer.waiting) writer.acknowledged[k] = "v" + k.substr(1);
+      for (const auto& [k, v] : writer.waiting) writer.acknowledged[k] = v;
     }
     const std::map<std::string, std::string> onDisk = valuesOnDisk("com.example.faults.killed" + std::to_string(w));
     std::size_t lost = 0;
