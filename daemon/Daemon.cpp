@@ -21,6 +21,7 @@
 
 #include "AccountConfig.h"
 #include "SyncRecords.h"
+#include "velmora/platform/DbusNotify.h"
 #include "velmora/platform/DbusValue.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
@@ -480,25 +481,29 @@ std::vector<std::shared_ptr<Daemon::StoreEntry>> Daemon::allStores() {
   return entries;
 }
 
-void Daemon::postReply(sd_bus_message* call, PropertyList reply) {
-  // On the bus thread (which holds busMutex_) the reply goes out at once.
-  if (std::this_thread::get_id() == busThread_.load(std::memory_order_relaxed)) {
+bool Daemon::postReply(sd_bus_message* call, PropertyList reply, bool announceChange) {
+  auto sendWithNotice = [&] {
     sendNow(call, reply);
     sd_bus_message_unref(call);
-    return;
-  }
+    if (!announceChange) return true;
+    const int r = velmora::emitSystemNotification(
+        bus_, ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification);
+    return r >= 0;
+  };
+  // On the bus thread (which holds busMutex_) the reply goes out at once.
+  if (std::this_thread::get_id() == busThread_.load(std::memory_order_relaxed)) return sendWithNotice();
   // Straight onto the bus when the bus thread is polling: a hand-over to it
   // costs two thread wake-ups on the path of every reply.
   if (std::unique_lock busLock(busMutex_, std::try_to_lock); busLock.owns_lock() && bus_ != nullptr) {
-    sendNow(call, reply);
-    sd_bus_message_unref(call);
+    const bool announced = sendWithNotice();
     // What the socket did not take waits in the connection's queue for the
     // bus thread to poll for room.
     const int events = sd_bus_get_events(bus_);
-    if (events < 0 || (events & POLLOUT) == 0) return;
-    const std::uint64_t one = 1;
-    (void)!::write(wakeFd_, &one, sizeof one);
-    return;
+    if (events >= 0 && (events & POLLOUT) != 0) {
+      const std::uint64_t one = 1;
+      (void)!::write(wakeFd_, &one, sizeof one);
+    }
+    return announced;
   }
   {
     std::lock_guard lock(outboxMutex_);
@@ -506,6 +511,7 @@ void Daemon::postReply(sd_bus_message* call, PropertyList reply) {
   }
   const std::uint64_t one = 1;
   (void)!::write(wakeFd_, &one, sizeof one);
+  return false;
 }
 
 void Daemon::drainOutbox() {
@@ -667,12 +673,14 @@ void Daemon::handleRequest(sd_bus_message* call) {
   sd_bus_message_ref(call);
   entry->queue->async([this, call, entry, request = std::move(request)] {
     bool changed = false;
-    postReply(call, perform(*entry, request, &changed));
-    // The reply goes first: posting waits for the notification connection,
-    // and the sender should not wait for that as well as for its file.
+    // The reply goes first, and the change notice right behind it on the
+    // same connection when this thread may send; otherwise through the
+    // notification connection, which waits for that connection's thread.
+    PropertyList reply = perform(*entry, request, &changed);
+    const bool announced = postReply(call, std::move(reply), changed);
     if (changed) {
       engine_->noteLocalChange(entry->name);
-      postChangeNotification();
+      if (!announced) postChangeNotification();
     }
   });
 }

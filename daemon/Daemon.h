@@ -128,8 +128,12 @@ class Daemon {
   void drainOutbox();
   // Bus thread: name left the bus; each store forgets it on its own queue.
   void clientGone(const std::string& name);
-  // Any thread: queues a reply for the bus thread (takes over call's reference).
-  void postReply(sd_bus_message* call, velmora::PropertyList reply);
+  // Any thread: sends the reply (takes over call's reference) now when this
+  // thread may use the bus, else queues it for the bus thread. With
+  // announceChange, a reply sent now is followed on the same connection by
+  // the store change notice; returns whether that notice went out (false:
+  // the caller posts it). Never waits for the bus thread.
+  bool postReply(sd_bus_message* call, velmora::PropertyList reply, bool announceChange = false);
 
   // Any thread: the entry for a store file, made on first use (shared with
   // the registry). Takes registryMutex_ briefly; never fails.

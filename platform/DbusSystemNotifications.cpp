@@ -16,6 +16,7 @@
 // - Waiting. addObserver() and post() wait for the I/O thread, which never
 //   waits for anyone. removeObserver() waits on Observation::idle for a
 //   callback running on another thread, never for one running on its own.
+#include "velmora/platform/DbusNotify.h"
 #include "velmora/platform/SystemNotifications.h"
 
 #include <systemd/sd-bus.h>
@@ -384,5 +385,10 @@ std::shared_ptr<SystemNotificationCenter> setSystemNotificationCenter(std::share
 }
 
 bool postSystemNotification(std::string_view name) { return currentSystemNotificationCenter().post(name); }
+
+int emitSystemNotification(sd_bus* bus, std::string_view name) {
+  const std::string text(name);
+  return sd_bus_emit_signal(bus, kNotifyPath, kNotifyInterface, kNotifyMember, "s", text.c_str());
+}
 
 }  // namespace velmora
