@@ -449,6 +449,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
 void Store::ensureSizesCounted() {
   if (sizes_) return;
   sizes_.emplace();
+  sizes_->total = 0;
   auto valuesIt = contents_->find(kStoreValuesKey);
   const PlistDictionary* values = valuesIt != contents_->end() ? valuesIt->second.getDictionary() : nullptr;
   if (values == nullptr) return;

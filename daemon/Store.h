@@ -258,7 +258,7 @@ class Store {
   // costs the keys it touches rather than a pass over the whole store.
   struct SizeIndex {
     std::unordered_map<std::string, std::uint64_t> sizes;
-    std::uint64_t total = 0;
+    std::uint64_t total;  // no initialiser, so the enclosing class can still emplace one; set by emplace()
   };
   std::optional<SizeIndex> sizes_;                    // guarded by the store's queue; for contents_'s values,
                                                       // nullopt until counted (dropped whenever contents_ is
