@@ -9,10 +9,6 @@
 #include <cstdlib>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Log.h"
@@ -38,25 +34,20 @@ const NimbrelError& NimbrelResult::error() const {
 
 namespace {
 
-// A whole file's bytes; nullopt when it cannot be read.
-std::optional<velmora::Bytes> readSmallFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  struct stat info{};
-  std::optional<velmora::Bytes> bytes;
-  if (::fstat(fd, &info) == 0 && info.st_size >= 0) {
-    bytes.emplace(static_cast<std::size_t>(info.st_size));
-    std::size_t done = 0;
-    while (done < bytes->size()) {
-      const ssize_t n = ::pread(fd, bytes->data() + done, bytes->size() - done, static_cast<off_t>(done));
-      if (n <= 0) break;
-      done += static_cast<std::size_t>(n);
-    }
-    if (done != bytes->size()) bytes.reset();
+// The source's keep-alive transaction around a hand-over made from inside
+// a protection-queue item, as the source's own synchronize() holds it.
+class SourceTransaction {
+ public:
+  explicit SourceTransaction(ZKVRemotePreferencesSource& source) : source_(source) {
+    source_.lockedZkvStartTransaction();
   }
-  ::close(fd);
-  return bytes;
-}
+  ~SourceTransaction() { source_.lockedZkvEndTransaction(); }
+  SourceTransaction(const SourceTransaction&) = delete;
+  SourceTransaction& operator=(const SourceTransaction&) = delete;
+
+ private:
+  ZKVRemotePreferencesSource& source_;
+};
 
 // ---------------------------------------------------------------------------
 // The registry: one live store per identity in the process.
@@ -444,11 +435,7 @@ bool NimbrelStore::synchronize() {
   // One queue item, so that the notice of this very hand-over, which may
   // arrive before the reply is handled, finds the clean mark already moved.
   source_->protectionQueue()->sync([&] {
-    source_->lockedZkvStartTransaction();
-    struct EndTransaction {
-      ZKVRemotePreferencesSource& source;
-      ~EndTransaction() { source.lockedZkvEndTransaction(); }
-    } endTransaction{*source_};
+    const SourceTransaction transaction(*source_);
     const std::int64_t before = source_->lockedLoadState().storageChangeCount;
     const bool wasClean = cleanCount_ >= 0 && cleanCount_ == before;
     replied = source_->lockedSynchronizeForced(false);
@@ -473,10 +460,8 @@ bool NimbrelStore::lockedFileUnchanged() const {
   const ZKVStoreLoadState& state = source_->lockedLoadState();
   if (!state.cache || cleanCount_ < 0 || state.storageChangeCount != cleanCount_) return false;
   if (!source_->urlOnDisk()) return false;
-  std::optional<velmora::Bytes> bytes = readSmallFile(source_->urlOnDisk()->native());
-  if (!bytes) return false;
   std::int64_t count = -1;
-  const PropertyList onDisk = velmora::decodeBinaryPlistEntry(*bytes, "changecount");
+  const PropertyList onDisk = velmora::readPlistFileEntry(source_->urlOnDisk()->native(), "changecount");
   return onDisk.isNumber() && onDisk.getInt64(count) && count == cleanCount_;
 }
 
@@ -505,22 +490,28 @@ void NimbrelStore::handleExternalChange() {
   // No writeMutex_ here: this runs on a pool worker, and a writer holding the
   // mutex may be waiting for work that needs a free worker. The next write
   // sees the flag and counts the sizes afresh.
-  bool unchanged = false;
-  source_->protectionQueue()->sync([&] { unchanged = lockedFileUnchanged(); });
-  if (!unchanged) {
-    source_->synchronizeForced(true);
-    sizesStale_.store(true, std::memory_order_release);
-  }
   std::int64_t changeCount = 0;
   std::optional<std::map<std::int64_t, std::vector<std::string>>> changes;
-  // Taking the changes does not enter the protection queue by itself; doing
-  // it there orders it with a load that a read on another thread may start.
+  // One queue item: the reload and the clean mark it sets, with no hand-over
+  // of another thread between them. Taking the changes does not enter the
+  // queue by itself; doing it here orders it with a load that a read on
+  // another thread may start.
+  bool reloaded = false;
   source_->protectionQueue()->sync([&] {
-    // The forced hand-over re-read the whole file (keys written since on
-    // other threads are dirty, which the clean mark allows for).
-    if (!unchanged) cleanCount_ = source_->lockedLoadState().storageChangeCount;
+    if (!lockedFileUnchanged()) {
+      // True when the file was read whole; false when the hand-over before
+      // it got no answer, which leaves the cache as it was.
+      bool read = false;
+      {
+        const SourceTransaction transaction(*source_);
+        read = source_->lockedSynchronizeForced(true);
+      }
+      cleanCount_ = read ? source_->lockedLoadState().storageChangeCount : -1;
+      reloaded = read;
+    }
     changes = source_->copyExternalChangesWithChangeCount(&changeCount);
   });
+  if (reloaded) sizesStale_.store(true, std::memory_order_release);
   if (!changes || changes->empty()) return;
   DispatchQueue::main().async([self = shared_from_this(), batch = std::move(*changes), changeCount] {
     self->deliverChanges(batch, changeCount);

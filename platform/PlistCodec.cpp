@@ -17,14 +17,17 @@ PropertyList decodePlist(std::span<const std::uint8_t> bytes) {
   return decodeXmlPlist(bytes);
 }
 
-PropertyList readPlistFile(const std::string& path) {
+namespace {
+
+// The whole file, read to its end rather than trusting the size, which may
+// change; nullopt when it cannot be opened or read.
+std::optional<Bytes> readWholeFile(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return {};
+  if (fd < 0) return std::nullopt;
   Bytes bytes;
   struct stat st {};
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
     bytes.reserve(static_cast<std::size_t>(st.st_size));
-  // Read to end of file rather than trusting the size, which may change.
   constexpr std::size_t kChunk = 64 * 1024;
   bool ok = true;
   for (;;) {
@@ -43,8 +46,20 @@ PropertyList readPlistFile(const std::string& path) {
     bytes.resize(used + static_cast<std::size_t>(n));
   }
   ::close(fd);
-  if (!ok) return {};
-  return decodePlist(bytes);
+  if (!ok) return std::nullopt;
+  return bytes;
+}
+
+}  // namespace
+
+PropertyList readPlistFile(const std::string& path) {
+  std::optional<Bytes> bytes = readWholeFile(path);
+  return bytes ? decodePlist(*bytes) : PropertyList();
+}
+
+PropertyList readPlistFileEntry(const std::string& path, std::string_view key) {
+  std::optional<Bytes> bytes = readWholeFile(path);
+  return bytes ? decodeBinaryPlistEntry(*bytes, key) : PropertyList();
 }
 
 }  // namespace velmora

@@ -61,4 +61,9 @@ PropertyList decodePlist(std::span<const std::uint8_t> bytes);
 // file is missing, unreadable or malformed. Blocks on file I/O.
 PropertyList readPlistFile(const std::string& path);
 
+// The top dictionary's value for key in a binary property-list file
+// (decodeBinaryPlistEntry); none when the file is missing, unreadable, not
+// binary, or has no such entry. Blocks on file I/O.
+PropertyList readPlistFileEntry(const std::string& path, std::string_view key);
+
 }  // namespace velmora
