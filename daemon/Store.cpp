@@ -227,7 +227,6 @@ void Store::ensureLoaded() {
     if (!changedOnDisk()) return;
     log().log(LogLevel::Default, "Store file " + path_.string() + " changed on disk; reading it again");
     contents_.reset();
-    sizes_.reset();
   }
   if (!sweptTemporaries_) {
     sweptTemporaries_ = true;
@@ -449,7 +448,6 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
 void Store::ensureSizesCounted() {
   if (sizes_) return;
   sizes_.emplace();
-  sizes_->total = 0;
   auto valuesIt = contents_->find(kStoreValuesKey);
   const PlistDictionary* values = valuesIt != contents_->end() ? valuesIt->second.getDictionary() : nullptr;
   if (values == nullptr) return;

@@ -130,6 +130,13 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
                          std::string* error = nullptr, struct stat* written = nullptr,
                          std::filesystem::path* replaced = nullptr);
 
+// Each value's size as a store's limits count it, and their sum, so that a
+// write costs the keys it touches rather than a pass over the whole store.
+struct StoreSizeIndex {
+  std::unordered_map<std::string, std::uint64_t> sizes;
+  std::uint64_t total = 0;
+};
+
 class Store {
  public:
   // A store for the file at path. Reads nothing yet. Never fails or blocks.
@@ -254,13 +261,7 @@ class Store {
   std::filesystem::path replaced_;                    // guarded by the store's queue; kept name of the
                                                       // replaced file, empty when none
   std::uint64_t fileReads_ = 0;                       // guarded by the store's queue
-  // Each value's size as the limits count it, and their sum, so that a write
-  // costs the keys it touches rather than a pass over the whole store.
-  struct SizeIndex {
-    std::unordered_map<std::string, std::uint64_t> sizes;
-    std::uint64_t total;  // no initialiser, so the enclosing class can still emplace one; set by emplace()
-  };
-  std::optional<SizeIndex> sizes_;                    // guarded by the store's queue; for contents_'s values,
+  std::optional<StoreSizeIndex> sizes_;               // guarded by the store's queue; for contents_'s values,
                                                       // nullopt until counted (dropped whenever contents_ is
                                                       // replaced other than by applyChanges)
   std::map<std::string, std::int64_t> clients_;       // guarded by the store's queue; bus name -> highest

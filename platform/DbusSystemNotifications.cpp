@@ -182,7 +182,7 @@ class NotifyIo {
       done(false);
       return;
     }
-    int r = sd_bus_emit_signal(bus->bus, kNotifyPath, kNotifyInterface, kNotifyMember, "s", name.c_str());
+    int r = emitSystemNotification(bus->bus, name);
     if (r < 0) {
       notifyLog().logf(LogLevel::Error, "cannot post %s: %s", name.c_str(), std::strerror(-r));
       done(false);
