@@ -77,6 +77,64 @@ void journalEntry(PlistDictionary& store, const std::string& key, std::int32_t c
       {{"count", PropertyList::integer(count)}, {"change", PropertyList::integer(change)}});
 }
 
+// The loaded values, taken out of the loaded contents for one client edit so
+// that the edit changes them in place: a copy would cost an allocation per
+// key on every write. Unless committed, the edits are undone and the values
+// go back where they came from, so a refused or failed write leaves memory
+// as it was.
+class ValuesEdit {
+ public:
+  // next: a copy of loaded, whose values the edit changes.
+  ValuesEdit(PlistDictionary& loaded, PlistDictionary& next) : loaded_(loaded), next_(next) {
+    if (auto it = loaded.find(kStoreValuesKey); it != loaded.end()) {
+      hadValues_ = true;
+      it->second = PropertyList();  // next's handle is now the only one
+    }
+    PropertyList& slot = next[std::string(kStoreValuesKey)];
+    if (!slot.isDictionary()) slot = PropertyList::dictionary({});
+    values_ = slot.editDictionary();
+  }
+  ~ValuesEdit() {
+    if (!committed_) rollBack();
+  }
+  ValuesEdit(const ValuesEdit&) = delete;
+  ValuesEdit& operator=(const ValuesEdit&) = delete;
+
+  const PlistDictionary& values() const { return *values_; }
+  void erase(const std::string& key) {
+    auto it = values_->find(key);
+    if (it == values_->end()) return;
+    undo_.emplace_back(key, std::move(it->second));
+    values_->erase(it);
+  }
+  void assign(const std::string& key, PropertyList record) {
+    auto [it, inserted] = values_->try_emplace(key);
+    undo_.emplace_back(key, inserted ? PropertyList() : std::move(it->second));
+    it->second = std::move(record);
+  }
+  // The edited copy became the loaded contents.
+  void commit() { committed_ = true; }
+
+ private:
+  void rollBack() {
+    for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
+      if (it->second.isNone()) {
+        values_->erase(it->first);
+      } else {
+        (*values_)[it->first] = std::move(it->second);
+      }
+    }
+    if (hadValues_) loaded_[std::string(kStoreValuesKey)] = std::move(next_.find(kStoreValuesKey)->second);
+  }
+
+  PlistDictionary& loaded_;
+  PlistDictionary& next_;
+  PlistDictionary* values_ = nullptr;
+  bool hadValues_ = false;
+  bool committed_ = false;
+  std::vector<std::pair<std::string, PropertyList>> undo_;  // each edit's previous record, none when absent
+};
+
 }  // namespace
 
 std::int64_t currentRecordTimestamp() {
@@ -349,9 +407,8 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
 
   ensureLoaded();
   PlistDictionary next = *contents_;
-  PropertyList& valuesSlot = next[std::string(kStoreValuesKey)];
-  if (!valuesSlot.isDictionary()) valuesSlot = PropertyList::dictionary({});
-  PlistDictionary& values = *valuesSlot.editDictionary();
+  ValuesEdit edit(*contents_, next);
+  const PlistDictionary& values = edit.values();
   StoreSyncState syncState = StoreSyncState::of(next);
   const StoreSyncState oldSyncState = syncState;
 
@@ -376,7 +433,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
         remote != nullptr) {
       syncState.deleted[key] = std::max(currentRecordTimestamp(), timestamp);
     }
-    values.erase(existing);
+    edit.erase(key);
     changed.push_back(key);
     total -= sizeOf(key);
     sizeUpdates.emplace_back(key, std::nullopt);
@@ -410,7 +467,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     }
     total = total - oldSize + newSize;
     sizeUpdates.emplace_back(key, newSize);
-    values[key] = std::move(merged);
+    edit.assign(key, std::move(merged));
     syncState.deleted.erase(key);
     changed.push_back(key);
   }
@@ -440,7 +497,8 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   }
   next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
 
-  if (!commitContents(std::move(next), outcome, &sizeUpdates)) return outcome;
+  if (!commitContents(next, outcome, &sizeUpdates)) return outcome;
+  edit.commit();
   outcome.written = true;
   return outcome;
 }
@@ -459,7 +517,7 @@ void Store::ensureSizesCounted() {
   }
 }
 
-bool Store::commitContents(PlistDictionary next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates) {
+bool Store::commitContents(PlistDictionary& next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates) {
   std::string error;
   if (!writeContents(next, &error)) {
     outcome = ApplyOutcome{};
@@ -527,7 +585,7 @@ ApplyOutcome Store::applyServerEdit(const ServerEdit& edit) {
   }
   if (next == *contents_) return outcome;  // nothing to write
 
-  if (!commitContents(std::move(next), outcome)) return outcome;
+  if (!commitContents(next, outcome)) return outcome;
   outcome.written = !edit.journal.empty();
   outcome.rewrittenQuietly = !outcome.written;
   return outcome;

@@ -242,10 +242,11 @@ class Store {
   // What applyChanges learnt of the sizes: a key's new size, or nullopt for
   // a key that went.
   using SizeUpdates = std::vector<std::pair<std::string, std::optional<std::uint64_t>>>;
-  // Writes next and makes it the loaded copy; sizes_ then takes sizeUpdates,
-  // or is dropped when there are none. On failure leaves memory as it was,
-  // resets outcome to a refusal saying why, logs, and returns false.
-  bool commitContents(velmora::PlistDictionary next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates = nullptr);
+  // Writes next and moves it in as the loaded copy; sizes_ then takes
+  // sizeUpdates, or is dropped when there are none. On failure leaves next
+  // and memory as they were, resets outcome to a refusal saying why, logs,
+  // and returns false.
+  bool commitContents(velmora::PlistDictionary& next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates = nullptr);
   // sizes_, counted from contents_'s values when it is not there.
   void ensureSizesCounted();
   // Removes journal entries every client released; writes when any went.

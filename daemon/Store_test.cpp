@@ -45,6 +45,20 @@ class StoreTest : public ::testing::Test {
   ApplyOutcome apply(Store& store, PlistDictionary changes, const StoreLimits& limits = {}) {
     return store.applyChanges(changes, ChangeOrigin::Client, limits);
   }
+  // The write fails (EFBIG) with the store file untouched, whatever our
+  // privileges.
+  ApplyOutcome applyOverFileSizeLimit(Store& store, PlistDictionary changes) {
+    struct rlimit saved{};
+    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    struct rlimit tight = saved;
+    tight.rlim_cur = 16;
+    const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+    ApplyOutcome outcome = apply(store, std::move(changes));
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previous);
+    return outcome;
+  }
   PropertyList onDisk() const { return velmora::readPlistFile(path_.string()); }
   static std::int64_t integerAt(const PropertyList& dict, std::initializer_list<std::string_view> keys) {
     const PropertyList* at = &dict;
@@ -177,39 +191,27 @@ TEST_F(StoreTest, WriteIsPrivateAndLeavesNoTemporaryFiles) {
 
 TEST_F(StoreTest, WriteFailureLeavesMemoryAndFileAsTheyWere) {
   Store store(path_);
-  ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
-  // The directory turns into a plain file (works whatever our privileges).
-  const fs::path dir = path_.parent_path();
-  const fs::path moved = root_ / "moved-away";
-  fs::rename(dir, moved);
-  { std::ofstream(dir) << "in the way"; }
-  ApplyOutcome failed = apply(store, {{"b", record("2")}});
-  fs::remove(dir);
-  fs::rename(moved, dir);
+  ASSERT_TRUE(apply(store, {{"a", record("1")}, {"c", record("3")}}).written);
+  const PropertyList before = store.contents();
+  // A replaced, an added and a removed key: each is put back in memory.
+  const ApplyOutcome failed = applyOverFileSizeLimit(store, {{"a", record("9")}, {"b", record("2")}, {"c", kRemoval}});
   EXPECT_FALSE(failed.accepted);
   EXPECT_TRUE(failed.writeFailed);
-  EXPECT_EQ(store.changeCount(), 1);
-  EXPECT_EQ(store.keyCount(), 1u);
+  EXPECT_EQ(store.contents(), before);
+  EXPECT_EQ(onDisk(), before);
+  EXPECT_EQ(store.fileReads(), 0u);  // memory itself, not a reload
   // The next attempt succeeds at the next count, not one further.
   EXPECT_EQ(apply(store, {{"b", record("2")}}).changeCount, 2);
+  EXPECT_EQ(*store.contents().find("values")->find("a"), record("1"));
 }
 
 TEST_F(StoreTest, ATemporaryAFailedWriteLeftGoesWithTheNextWrite) {
   Store store(path_);
   ASSERT_TRUE(apply(store, {{"a", record("1")}}).written);
-  // A write over the file-size limit fails (EFBIG) with the store file
-  // untouched, as one does when the directory turns read-only between its
-  // temporary and the rename; that one cannot remove its temporary either.
-  struct rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
-  struct rlimit tight = saved;
-  tight.rlim_cur = 16;
-  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-  const ApplyOutcome failed = apply(store, {{"b", record("2")}});
-  ::setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, previous);
+  const ApplyOutcome failed = applyOverFileSizeLimit(store, {{"b", record("2")}});
   EXPECT_TRUE(failed.writeFailed);
+  // As a write cut off between its temporary and the rename (the directory
+  // turned read-only) leaves one, which it cannot remove either.
   const fs::path left = path_.parent_path() / "com.example.app.plist.Ab3xQ9";
   std::ofstream(left) << "half";
 
