@@ -583,6 +583,74 @@ TEST(VelmoradLibrary, AWriteInOneProcessReachesAnotherAsAnExternalChange) {
   reader->removeObserver(token);
 }
 
+// Set in the newcomer child started by the test below: its scratch home.
+constexpr const char* kNewcomerHomeVariable = "VELMORAD_TEST_NEWCOMER_HOME";
+constexpr const char* kNewcomerApp = "com.example.newcomer";
+
+// Runs only as the child of ANewProcessHearsOfEveryChangeMadeAfterItOpened:
+// opens the store, says "opened", then prints "change <reason> <keys>" for
+// each change it hears of, until killed.
+TEST(VelmoradLibrary, NewcomerChild) {
+  const char* home = getenv(kNewcomerHomeVariable);
+  if (home == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
+  velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(home));
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(kNewcomerApp);
+  ASSERT_NE(store, nullptr);
+  store->addObserver([](const NimbrelChange& change) {
+    std::string keys;
+    for (const std::string& key : change.keys) keys += (keys.empty() ? "" : ",") + key;
+    std::printf("change %lld %s\n", static_cast<long long>(change.reason), keys.c_str());
+    std::fflush(stdout);
+  });
+  std::printf("opened\n");
+  std::fflush(stdout);
+  std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+// A process that opened a store holds the journal entries written after it
+// opened, even before its deferred registration would have gone out: here
+// the only other client releases them while the newcomer is stopped, and
+// the newcomer still hears of both changes as made elsewhere.
+TEST(VelmoradLibrary, ANewProcessHearsOfEveryChangeMadeAfterItOpened) {
+  const std::string app = kNewcomerApp;
+  RawClient writer;
+  writer.request("register", {}, app);
+  auto write = [&](const char* key, std::int64_t count) {
+    const PropertyList changes = makeDictionary(
+        {{"changes", makeDictionary({{key, record(key)}})}, {"changecount", PropertyList::integer(count)}});
+    return integerAt(writer.request("synchronize", changes, app), {"userinfo", "changecount"});
+  };
+  ASSERT_EQ(write("first", 0), 1);
+
+  std::unique_ptr<velmora::testing::ChildProcess> child = velmora::testing::ChildProcess::start(
+      {"/proc/self/exe", "--gtest_filter=VelmoradLibrary.NewcomerChild"},
+      {std::string(kNewcomerHomeVariable) + "=" + scratchHome()});
+  ASSERT_NE(child, nullptr);
+  std::optional<std::string> line;
+  while ((line = child->readLine(kPatience)) && *line != "opened") {
+  }
+  ASSERT_EQ(line, "opened");
+  // Its registration has had time to arrive; its reloads have not.
+  std::this_thread::sleep_for(200ms);
+  child->signal(SIGSTOP);
+  ASSERT_EQ(write("second", 1), 2);
+  ASSERT_EQ(write("third", 2), 3);
+  writer.request("discardJournalEntries", PropertyList::integer(2), app);
+  child->signal(SIGCONT);
+
+  std::set<std::string> heard;
+  while (heard.size() < 2 && (line = child->readLine(kPatience))) {
+    EXPECT_EQ(line->rfind("change 0 ", 0), 0u) << *line;
+    std::string keys = line->substr(std::string("change 0 ").size());
+    for (std::size_t start = 0, comma; start <= keys.size(); start = comma + 1) {
+      comma = std::min(keys.find(',', start), keys.size());
+      heard.insert(keys.substr(start, comma - start));
+    }
+  }
+  EXPECT_EQ(heard, (std::set<std::string>{"second", "third"}));
+  child->signal(SIGKILL);
+}
+
 // Several stores of one process writing at once, while every write's change
 // notice makes each of them reload: the reloads run on shared pool workers,
 // and none of them may wait for a writer that in turn needs a free worker.

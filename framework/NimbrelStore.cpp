@@ -210,6 +210,10 @@ void NimbrelStore::start() {
         });
       });
   source_->registerForCorvane();
+  // Registered before the first load, not two seconds after it: the daemon
+  // prunes journal entries once every registered client released them, and
+  // an entry written after this load must stay until this process saw it.
+  source_->forceRegistrationNow();
   // The first load reports every journal entry as a change made elsewhere;
   // for a store that did not exist yet they are history, not news.
   source_->protectionQueue()->sync([&] {
