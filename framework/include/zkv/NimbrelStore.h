@@ -155,10 +155,10 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   static constexpr std::string_view kChangeQueueLabel = "com.vantrel.nimbrelstore.changes";
 
   // --- Getting a store. Each returns the live store of that identity, or
-  // makes one: the store makes its source (which reads nothing yet) and asks
-  // the daemon to register it 2 seconds later. The caller shares ownership.
-  // Any thread; making a store waits for one bus round trip (the source's
-  // notification subscription) with the registry lock held.
+  // makes one: the store makes its source, registers it with the daemon
+  // (sent, not awaited) and then loads its file. The caller shares
+  // ownership. Any thread; making a store waits for one bus round trip (the
+  // source's notification subscription) with the registry lock held.
 
   // The store of the host application (velmora::currentEnvironment()
   // .hostApplicationIdentifier()). Without an identifier the store lives in
