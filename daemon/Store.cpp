@@ -124,7 +124,7 @@ class ValuesEdit {
         (*values_)[it->first] = std::move(it->second);
       }
     }
-    if (hadValues_) loaded_[std::string(kStoreValuesKey)] = std::move(next_.find(kStoreValuesKey)->second);
+    if (hadValues_) loaded_.find(kStoreValuesKey)->second = std::move(next_.find(kStoreValuesKey)->second);
   }
 
   PlistDictionary& loaded_;

@@ -523,18 +523,36 @@ TEST(VelmoradBus, ManagementMessages) {
   EXPECT_EQ(integerAt(client.request("synchronize", changes, "com.example.m1"), {"userinfo", "changecount"}), 1);
 }
 
-// Set in the writer child started by the test below: its scratch home.
-constexpr const char* kChildHomeVariable = "VELMORAD_TEST_WRITER_HOME";
+// Set in the children the tests below start: the parent's scratch home.
+constexpr const char* kChildHomeVariable = "VELMORAD_TEST_CHILD_HOME";
 constexpr const char* kSharedApp = "com.example.shared";
+constexpr const char* kNewcomerApp = "com.example.newcomer";
+
+// In a child: the store of application in the parent's scratch home, on the
+// parent's bus (inherited through DBUS_SESSION_BUS_ADDRESS).
+std::shared_ptr<NimbrelStore> childStore(const char* application) {
+  velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(getenv(kChildHomeVariable)));
+  return NimbrelStore::storeForApplication(application);
+}
+
+// In the parent: runs this binary's test VelmoradLibrary.<test> as a child
+// and reads its output until it printed marker; null when it did not.
+std::unique_ptr<velmora::testing::ChildProcess> startChild(const std::string& test, const std::string& marker) {
+  std::unique_ptr<velmora::testing::ChildProcess> child = velmora::testing::ChildProcess::start(
+      {"/proc/self/exe", "--gtest_filter=VelmoradLibrary." + test},
+      {std::string(kChildHomeVariable) + "=" + scratchHome()});
+  if (!child) return nullptr;
+  std::optional<std::string> line;
+  while ((line = child->readLine(kPatience)) && *line != marker) {
+  }
+  return line ? std::move(child) : nullptr;
+}
 
 // Runs only as the child of AWriteInOneProcessReachesAnotherAsAnExternalChange:
-// the application's second process, writing through the real library on the
-// parent's bus (inherited through DBUS_SESSION_BUS_ADDRESS).
+// the application's second process, writing through the real library.
 TEST(VelmoradLibrary, WriterChild) {
-  const char* home = getenv(kChildHomeVariable);
-  if (home == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
-  velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(home));
-  std::shared_ptr<NimbrelStore> writer = NimbrelStore::storeForApplication(kSharedApp);
+  if (getenv(kChildHomeVariable) == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
+  std::shared_ptr<NimbrelStore> writer = childStore(kSharedApp);
   ASSERT_NE(writer, nullptr);
   ASSERT_TRUE(writer->setObject("greeting", str("hello")).ok());
   ASSERT_TRUE(writer->synchronize());
@@ -554,14 +572,8 @@ TEST(VelmoradLibrary, AWriteInOneProcessReachesAnotherAsAnExternalChange) {
   });
   EXPECT_FALSE(reader->getString("greeting").has_value());  // loads the (absent) store
 
-  std::unique_ptr<velmora::testing::ChildProcess> child = velmora::testing::ChildProcess::start(
-      {"/proc/self/exe", "--gtest_filter=VelmoradLibrary.WriterChild"},
-      {std::string(kChildHomeVariable) + "=" + scratchHome()});
+  std::unique_ptr<velmora::testing::ChildProcess> child = startChild("WriterChild", "written");
   ASSERT_NE(child, nullptr);
-  std::optional<std::string> line;
-  while ((line = child->readLine(kPatience)) && *line != "written") {
-  }
-  EXPECT_EQ(line, "written");
   const std::optional<int> status = child->waitForExit(kPatience);
   ASSERT_TRUE(status.has_value());
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
@@ -583,18 +595,12 @@ TEST(VelmoradLibrary, AWriteInOneProcessReachesAnotherAsAnExternalChange) {
   reader->removeObserver(token);
 }
 
-// Set in the newcomer child started by the test below: its scratch home.
-constexpr const char* kNewcomerHomeVariable = "VELMORAD_TEST_NEWCOMER_HOME";
-constexpr const char* kNewcomerApp = "com.example.newcomer";
-
 // Runs only as the child of ANewProcessHearsOfEveryChangeMadeAfterItOpened:
 // opens the store, says "opened", then prints "change <reason> <keys>" for
 // each change it hears of, until killed.
 TEST(VelmoradLibrary, NewcomerChild) {
-  const char* home = getenv(kNewcomerHomeVariable);
-  if (home == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
-  velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(home));
-  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(kNewcomerApp);
+  if (getenv(kChildHomeVariable) == nullptr) GTEST_SKIP() << "runs only as a child of the test below";
+  std::shared_ptr<NimbrelStore> store = childStore(kNewcomerApp);
   ASSERT_NE(store, nullptr);
   store->addObserver([](const NimbrelChange& change) {
     std::string keys;
@@ -622,14 +628,8 @@ TEST(VelmoradLibrary, ANewProcessHearsOfEveryChangeMadeAfterItOpened) {
   };
   ASSERT_EQ(write("first", 0), 1);
 
-  std::unique_ptr<velmora::testing::ChildProcess> child = velmora::testing::ChildProcess::start(
-      {"/proc/self/exe", "--gtest_filter=VelmoradLibrary.NewcomerChild"},
-      {std::string(kNewcomerHomeVariable) + "=" + scratchHome()});
+  std::unique_ptr<velmora::testing::ChildProcess> child = startChild("NewcomerChild", "opened");
   ASSERT_NE(child, nullptr);
-  std::optional<std::string> line;
-  while ((line = child->readLine(kPatience)) && *line != "opened") {
-  }
-  ASSERT_EQ(line, "opened");
   // Its registration has had time to arrive; its reloads have not.
   std::this_thread::sleep_for(200ms);
   child->signal(SIGSTOP);
@@ -639,6 +639,7 @@ TEST(VelmoradLibrary, ANewProcessHearsOfEveryChangeMadeAfterItOpened) {
   child->signal(SIGCONT);
 
   std::set<std::string> heard;
+  std::optional<std::string> line;
   while (heard.size() < 2 && (line = child->readLine(kPatience))) {
     EXPECT_EQ(line->rfind("change 0 ", 0), 0u) << *line;
     std::string keys = line->substr(std::string("change 0 ").size());

@@ -204,6 +204,11 @@ void NimbrelStore::start() {
   // the store.
   relayToken_ = velmora::NotificationCenter::defaultCenter().addObserver(
       ZKVRemotePreferencesSourceDidChangeNotification, source_.get(), [this, weak](const velmora::Notification&) {
+        // The notice of a write the cache already holds (this process's own
+        // hand-over, above all) is settled here by the file's change count,
+        // without a trip through the queues that would hold up the writer.
+        const std::int64_t clean = cleanCount_.load(std::memory_order_acquire);
+        if (clean >= 0 && fileChangeCountIs(clean)) return;
         if (changePending_.exchange(true)) return;  // a reload is already on its way
         changeQueue_->async([weak] {
           if (std::shared_ptr<NimbrelStore> self = weak.lock()) self->handleExternalChange();
@@ -219,7 +224,7 @@ void NimbrelStore::start() {
   source_->protectionQueue()->sync([&] {
     if (!source_->lockedLoadState().cache) source_->lockedCachePlistFromDisk();
     (void)source_->copyExternalChangesWithChangeCount(nullptr);
-    cleanCount_ = source_->lockedLoadState().storageChangeCount;
+    cleanCount_.store(source_->lockedLoadState().storageChangeCount, std::memory_order_release);
   });
 }
 
@@ -441,7 +446,8 @@ bool NimbrelStore::synchronize() {
   source_->protectionQueue()->sync([&] {
     const SourceTransaction transaction(*source_);
     const std::int64_t before = source_->lockedLoadState().storageChangeCount;
-    const bool wasClean = cleanCount_ >= 0 && cleanCount_ == before;
+    const std::int64_t clean = cleanCount_.load(std::memory_order_relaxed);
+    const bool wasClean = clean >= 0 && clean == before;
     replied = source_->lockedSynchronizeForced(false);
     const std::int64_t after = source_->lockedLoadState().storageChangeCount;
     // Answered with the very next count, the daemon stored exactly what was
@@ -450,9 +456,9 @@ bool NimbrelStore::synchronize() {
     // an evicted cache) sets the mark itself only through a notice, so it
     // leaves it unknown here.
     if (wasClean && after == before + 1) {
-      cleanCount_ = after;
+      cleanCount_.store(after, std::memory_order_release);
     } else if (after != before) {
-      cleanCount_ = -1;
+      cleanCount_.store(-1, std::memory_order_release);
     }
   });
   return replied;
@@ -462,11 +468,15 @@ bool NimbrelStore::lockedFileUnchanged() const {
   // Keys not yet handed over need no hand-over here: with the file as it
   // was, skipping the reload keeps them in the cache just the same.
   const ZKVStoreLoadState& state = source_->lockedLoadState();
-  if (!state.cache || cleanCount_ < 0 || state.storageChangeCount != cleanCount_) return false;
+  const std::int64_t clean = cleanCount_.load(std::memory_order_relaxed);
+  return state.cache && clean >= 0 && state.storageChangeCount == clean && fileChangeCountIs(clean);
+}
+
+bool NimbrelStore::fileChangeCountIs(std::int64_t count) const {
   if (!source_->urlOnDisk()) return false;
-  std::int64_t count = -1;
+  std::int64_t onDiskCount = -1;
   const PropertyList onDisk = velmora::readPlistFileEntry(source_->urlOnDisk()->native(), "changecount");
-  return onDisk.isNumber() && onDisk.getInt64(count) && count == cleanCount_;
+  return onDisk.isNumber() && onDisk.getInt64(onDiskCount) && onDiskCount == count;
 }
 
 // ---------------------------------------------------------------------------
@@ -510,7 +520,7 @@ void NimbrelStore::handleExternalChange() {
         const SourceTransaction transaction(*source_);
         read = source_->lockedSynchronizeForced(true);
       }
-      cleanCount_ = read ? source_->lockedLoadState().storageChangeCount : -1;
+      cleanCount_.store(read ? source_->lockedLoadState().storageChangeCount : -1, std::memory_order_release);
       reloaded = read;
     }
     changes = source_->copyExternalChangesWithChangeCount(&changeCount);

@@ -302,6 +302,9 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   // so that a notice needs no reload. Protection queue only; reads the
   // file's change count, decoding nothing else.
   bool lockedFileUnchanged() const;
+  // Whether the store file's change count is count. Any thread; reads the
+  // file's change count, decoding nothing else.
+  bool fileChangeCountIs(std::int64_t count) const;
   // Main queue: calls the observers for one batch, then has changeQueue_
   // tell the daemon that the batch's journal entries may go.
   void deliverChanges(const std::map<std::int64_t, std::vector<std::string>>& changes, std::int64_t changeCount);
@@ -317,11 +320,12 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   // Set while a change notification waits on changeQueue_, so that a burst
   // gives one reload. Atomic.
   std::atomic<bool> changePending_{false};
-  // Guarded by the source's protection queue. The change count at which the
-  // source's cache is known to equal the store file (apart from keys still
-  // to be handed over): set by a load of the whole file, carried forward by
-  // a hand-over the daemon answered with the next count; -1 when unknown.
-  std::int64_t cleanCount_ = -1;
+  // Written on the source's protection queue only; atomic, so that a change
+  // notice can look at it first. The change count at which the source's
+  // cache is known to equal the store file (apart from keys still to be
+  // handed over): set by a load of the whole file, carried forward by a
+  // hand-over the daemon answered with the next count; -1 when unknown.
+  std::atomic<std::int64_t> cleanCount_{-1};
 
   std::mutex writeMutex_;        // guards the three fields below
   SizeTable sizes_;              // guarded by writeMutex_
