@@ -149,16 +149,19 @@ class StoreExecutor {
 
   // Runs work after everything queued before it, on the executor's thread.
   void async(std::function<void()> work) {
-    std::lock_guard lock(mutex_);
-    work_.push_back(std::move(work));
-    if (running_) {
-      wake_.notify_one();
-      return;
+    {
+      std::lock_guard lock(mutex_);
+      work_.push_back(std::move(work));
+      if (!running_) {
+        // A thread that left after idling has only its return left to make.
+        if (thread_.joinable()) thread_.join();
+        running_ = true;
+        thread_ = std::thread([this] { run(); });
+        return;
+      }
     }
-    // A thread that left after idling has only its return left to make.
-    if (thread_.joinable()) thread_.join();
-    running_ = true;
-    thread_ = std::thread([this] { run(); });
+    // Outside the lock, so that the woken thread does not wait for it.
+    wake_.notify_one();
   }
 
   // Runs work as async() does and waits for it. Never from the executor's own work.
