@@ -630,8 +630,13 @@ TEST(VelmoradLibrary, ANewProcessHearsOfEveryChangeMadeAfterItOpened) {
 
   std::unique_ptr<velmora::testing::ChildProcess> child = startChild("NewcomerChild", "opened");
   ASSERT_NE(child, nullptr);
-  // Its registration has had time to arrive; its reloads have not.
-  std::this_thread::sleep_for(200ms);
+  // Its registration arrives while it starts, not two seconds later.
+  auto registered = [&] {
+    const PropertyList debug = writer.request("printDebugDescription", {}, app);
+    const PropertyList* text = debug.find("userinfo");
+    return text != nullptr && text->isString() && text->getString()->find("Registered clients (2)") != std::string::npos;
+  };
+  ASSERT_TRUE(waitUntil(registered, 1500ms));
   child->signal(SIGSTOP);
   ASSERT_EQ(write("second", 1), 2);
   ASSERT_EQ(write("third", 2), 3);
