@@ -67,6 +67,14 @@ char asciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 
 
 }  // namespace
 
+std::string quoteForLog(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) return "\"" + std::string(text) + "\"";
+  std::size_t cut = maxBytes;
+  // Back up over UTF-8 continuation bytes so no character is split.
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return "\"" + std::string(text.substr(0, cut)) + "\"... (" + std::to_string(text.size()) + " bytes)";
+}
+
 int journalPriority(LogLevel level) noexcept {
   switch (level) {
     case LogLevel::Debug: return 7;

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace velmora {
 
@@ -17,21 +19,27 @@ PropertyList decodePlist(std::span<const std::uint8_t> bytes) {
   return decodeXmlPlist(bytes);
 }
 
-namespace {
-
-// The whole file, read to its end rather than trusting the size, which may
-// change; nullopt when it cannot be opened or read.
-std::optional<Bytes> readWholeFile(const std::string& path) {
+std::optional<Bytes> readFileContents(const std::string& path, std::size_t maxBytes, int* error) {
+  int ignored = 0;
+  if (error == nullptr) error = &ignored;
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
+  if (fd < 0) {
+    *error = errno;
+    return std::nullopt;
+  }
   Bytes bytes;
   struct stat st {};
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
-    bytes.reserve(static_cast<std::size_t>(st.st_size));
+    bytes.reserve(std::min(static_cast<std::size_t>(st.st_size), maxBytes));
+  // Read to the end rather than trusting the size, which may change.
   constexpr std::size_t kChunk = 64 * 1024;
-  bool ok = true;
+  *error = 0;
   for (;;) {
     const std::size_t used = bytes.size();
+    if (used > maxBytes) {
+      *error = EFBIG;
+      break;
+    }
     bytes.resize(used + kChunk);
     const ssize_t n = ::read(fd, bytes.data() + used, kChunk);
     if (n < 0 && errno == EINTR) {
@@ -40,14 +48,20 @@ std::optional<Bytes> readWholeFile(const std::string& path) {
     }
     if (n <= 0) {
       bytes.resize(used);
-      ok = n == 0;
+      if (n < 0) *error = errno;
       break;
     }
     bytes.resize(used + static_cast<std::size_t>(n));
   }
   ::close(fd);
-  if (!ok) return std::nullopt;
+  if (*error != 0) return std::nullopt;
   return bytes;
+}
+
+namespace {
+
+std::optional<Bytes> readWholeFile(const std::string& path) {
+  return readFileContents(path, std::numeric_limits<std::size_t>::max() / 2, nullptr);
 }
 
 }  // namespace

@@ -43,6 +43,11 @@ std::string_view logLevelName(LogLevel level) noexcept;
 // anything else. Pure; any thread.
 std::optional<LogLevel> parseLogLevel(std::string_view word) noexcept;
 
+// text in double quotes for a log line or an error message, cut to its
+// first maxBytes bytes (at a character boundary) with the full length
+// noted, so that a hostile key or value cannot flood the log. Pure; any thread.
+std::string quoteForLog(std::string_view text, std::size_t maxBytes = 80);
+
 class LogHandle;
 
 // Where log lines go. Implementations must be safe to call from any number of

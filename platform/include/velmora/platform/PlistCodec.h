@@ -57,6 +57,11 @@ PropertyList decodeXmlPlist(std::span<const std::uint8_t> bytes);
 // Decodes either encoding, told apart by the leading "bplist00" magic.
 PropertyList decodePlist(std::span<const std::uint8_t> bytes);
 
+// The whole file at path, read to its end. nullopt when it cannot be opened
+// or read, with *error (when given) set to the errno, or to EFBIG when it
+// holds more than maxBytes. Blocks on file I/O; the caller owns the bytes.
+std::optional<Bytes> readFileContents(const std::string& path, std::size_t maxBytes, int* error);
+
 // Reads a whole property-list file (binary or XML). Returns none when the
 // file is missing, unreadable or malformed. Blocks on file I/O.
 PropertyList readPlistFile(const std::string& path);
