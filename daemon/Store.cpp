@@ -11,6 +11,7 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <new>
 #include <sstream>
 
 #include "velmora/platform/Log.h"
@@ -57,16 +58,6 @@ bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
   return true;
 }
 
-// The serialised size the library's limits count for a record's value; 0
-// when the record does not decode.
-std::uint64_t recordSize(const PropertyList& record) {
-  std::int64_t timestamp = 0;
-  const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp);
-  if (value == nullptr) return 0;
-  const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(*value);
-  return length > 0 ? static_cast<std::uint64_t>(length) : 0;
-}
-
 // The journal entry {"count", "change"} written directly: ZKVJournal treats
 // change 0 as "forget the key", but readers need code 0 to report a change
 // made elsewhere.
@@ -75,6 +66,41 @@ void journalEntry(PlistDictionary& store, const std::string& key, std::int32_t c
   if (!journal.isDictionary()) journal = PropertyList::dictionary({});
   (*journal.editDictionary())[key] = velmora::makeDictionary(
       {{"count", PropertyList::integer(count)}, {"change", PropertyList::integer(change)}});
+}
+
+// Removes the journal entries of keys not in contents' values: each one at
+// or below upTo, then the oldest until at most keep remain. Returns whether
+// any went; an emptied journal goes too.
+bool pruneAbsentKeyEntries(PlistDictionary& contents, std::int64_t upTo, std::size_t keep) {
+  auto journalIt = contents.find(kStoreJournalKey);
+  if (journalIt == contents.end() || !journalIt->second.isDictionary()) return false;
+  auto valuesIt = contents.find(kStoreValuesKey);
+  const PlistDictionary* values = valuesIt != contents.end() ? valuesIt->second.getDictionary() : nullptr;
+  std::vector<std::pair<std::int64_t, std::string>> absent;  // (count, key)
+  for (const auto& [key, entry] : *journalIt->second.getDictionary()) {
+    if (values != nullptr && values->contains(key)) continue;
+    std::int64_t count = 0;
+    if (const PropertyList* at = entry.find("count")) (void)at->getInt64(count);
+    absent.emplace_back(count, key);
+  }
+  std::sort(absent.begin(), absent.end());
+  std::size_t drop = 0;
+  while (drop < absent.size() && (absent[drop].first <= upTo || absent.size() - drop > keep)) ++drop;
+  if (drop == 0) return false;
+  PlistDictionary& journal = *journalIt->second.editDictionary();
+  for (std::size_t i = 0; i < drop; ++i) journal.erase(absent[i].second);
+  if (journal.empty()) contents.erase(journalIt);
+  return true;
+}
+
+// How many journal entries may belong to keys no longer in the store: a
+// cheap bound checked on every write, before any pass over the journal.
+bool mayHoldTooManyAbsentEntries(const PlistDictionary& contents) {
+  auto journalIt = contents.find(kStoreJournalKey);
+  auto valuesIt = contents.find(kStoreValuesKey);
+  const std::size_t entries = journalIt != contents.end() ? journalIt->second.count() : 0;
+  const std::size_t keys = valuesIt != contents.end() ? valuesIt->second.count() : 0;
+  return entries > keys + kMaxAbsentKeyEntries;
 }
 
 // The loaded values, taken out of the loaded contents for one client edit so
@@ -137,6 +163,17 @@ class ValuesEdit {
 
 }  // namespace
 
+std::uint64_t valueSize(const PropertyList& value) {
+  const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(value);
+  return length > 0 ? static_cast<std::uint64_t>(length) : 0;
+}
+
+std::uint64_t recordSize(const PropertyList& record) {
+  std::int64_t timestamp = 0;
+  const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp);
+  return value != nullptr ? valueSize(*value) : 0;
+}
+
 std::int64_t currentRecordTimestamp() {
   return static_cast<std::int64_t>(std::time(nullptr)) - static_cast<std::int64_t>(velmora::kAbsoluteTimeIntervalSince1970);
 }
@@ -170,6 +207,25 @@ PropertyList StoreSyncState::entry() const {
     dict.emplace("deleted", PropertyList::dictionary(std::move(removed)));
   }
   if (accountChange) dict.emplace("accountchange", PropertyList::boolean(true));
+  return PropertyList::dictionary(std::move(dict));
+}
+
+std::optional<StoreOwner> StoreOwner::of(const PlistDictionary& contents) {
+  auto it = contents.find(kStoreOwnerKey);
+  if (it == contents.end()) return std::nullopt;
+  const PropertyList* application = it->second.find("application");
+  const PropertyList* store = it->second.find("store");
+  if (application == nullptr || !application->isString() || (store != nullptr && !store->isString())) {
+    return std::nullopt;
+  }
+  StoreOwner owner{*application->getString(), std::nullopt};
+  if (store != nullptr) owner.store = *store->getString();
+  return owner;
+}
+
+PropertyList StoreOwner::entry() const {
+  PlistDictionary dict{{"application", PropertyList::string(application)}};
+  if (store) dict.emplace("store", PropertyList::string(*store));
   return PropertyList::dictionary(std::move(dict));
 }
 
@@ -280,33 +336,43 @@ void Store::removeStaleTemporaries() {
   }
 }
 
-void Store::ensureLoaded() {
+bool Store::load(std::string* error) {
   if (contents_) {
-    if (!changedOnDisk()) return;
+    if (!changedOnDisk()) return true;
     log().log(LogLevel::Default, "Store file " + path_.string() + " changed on disk; reading it again");
-    contents_.reset();
+    forgetContents();
   }
   if (!sweptTemporaries_) {
     sweptTemporaries_ = true;
     removeStaleTemporaries();
   }
-  contents_.emplace();
-  sizes_.reset();
-  stamp_.reset();
+  auto fail = [&](int code, const char* what) {
+    std::string text = std::string(what) + " " + path_.string() + ": " + std::strerror(code);
+    log().log(LogLevel::Error, "Store " + text + "; left where it is");
+    if (error != nullptr) *error = std::move(text);
+    return false;
+  };
   struct stat info{};
-  if (::stat(path_.c_str(), &info) != 0) return;  // no file yet: an empty store
-
+  if (::stat(path_.c_str(), &info) != 0) {
+    if (errno != ENOENT) return fail(errno, "cannot look at");
+    contents_.emplace();  // no file yet: an empty store
+    return true;
+  }
+  int readError = 0;
+  std::optional<velmora::Bytes> bytes = velmora::readFileContents(path_.string(), kMaxStoreFileBytes, &readError);
+  if (!bytes) return fail(readError, "cannot read");
   ++fileReads_;
-  PropertyList file = velmora::readPlistFile(path_.string());
+  PropertyList file;
+  try {
+    file = velmora::decodePlist(*bytes);
+  } catch (const std::bad_alloc&) {
+    return fail(ENOMEM, "cannot decode");
+  }
+  contents_.emplace();
   if (!file.isDictionary()) {
-    const std::string aside = path_.string() + ".corrupt-" + std::to_string(std::time(nullptr));
-    if (::rename(path_.c_str(), aside.c_str()) == 0) {
-      log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged; moved aside to " + aside);
-    } else {
-      log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged and could not be moved aside: " +
-                                     std::strerror(errno));
-    }
-    return;
+    // Read whole and still not a store: damaged, not merely unreadable.
+    setAside();
+    return true;
   }
   // The stat taken before reading: a change during the read shows next time.
   stamp_ = FileStamp::of(info);
@@ -319,6 +385,33 @@ void Store::ensureLoaded() {
     std::int64_t count = 0;
     if (!it->second.getInt64(count) || count < 0) c.erase(it);
   }
+  return true;
+}
+
+void Store::setAside() {
+  const std::string prefix = path_.filename().string() + ".corrupt-";
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  const std::string aside = path_.string() + ".corrupt-" + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
+  if (::rename(path_.c_str(), aside.c_str()) != 0) {
+    log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged and could not be moved aside: " +
+                                   std::strerror(errno));
+    return;
+  }
+  log().log(LogLevel::Error, "Store file " + path_.string() + " is damaged; moved aside to " + aside);
+  // The newest few copies are enough to look into; older ones go.
+  std::vector<std::filesystem::path> copies;
+  std::error_code ec;
+  for (const auto& item : std::filesystem::directory_iterator(path_.parent_path(), ec)) {
+    if (item.path().filename().string().starts_with(prefix)) copies.push_back(item.path());
+  }
+  if (copies.size() <= kKeptCorruptCopies) return;
+  auto modified = [](const std::filesystem::path& p) {
+    std::error_code ignored;
+    return std::filesystem::last_write_time(p, ignored);
+  };
+  std::sort(copies.begin(), copies.end(), [&](const auto& a, const auto& b) { return modified(a) > modified(b); });
+  for (std::size_t i = kKeptCorruptCopies; i < copies.size(); ++i) std::filesystem::remove(copies[i], ec);
 }
 
 std::int64_t Store::loadedChangeCount() const {
@@ -327,21 +420,19 @@ std::int64_t Store::loadedChangeCount() const {
   return count;
 }
 
-std::int64_t Store::changeCount() {
-  ensureLoaded();
-  return loadedChangeCount();
-}
+bool Store::hasFile() { return load() && stamp_.has_value(); }
+
+std::int64_t Store::changeCount() { return load() ? loadedChangeCount() : 0; }
 
 std::size_t Store::keyCount() {
-  ensureLoaded();
+  if (!load()) return 0;
   auto it = contents_->find(kStoreValuesKey);
   return it != contents_->end() ? it->second.count() : 0;
 }
 
-PropertyList Store::contents() {
-  ensureLoaded();
-  return PropertyList::dictionary(*contents_);
-}
+PropertyList Store::contents() { return load() ? PropertyList::dictionary(*contents_) : PropertyList(); }
+
+std::optional<StoreOwner> Store::owner() { return load() ? StoreOwner::of(*contents_) : std::nullopt; }
 
 bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
   std::optional<velmora::Bytes> bytes = velmora::encodeBinaryPlist(PropertyList::dictionary(contents));
@@ -366,7 +457,18 @@ bool Store::writeContents(const PlistDictionary& contents, std::string* error) {
   return true;
 }
 
-ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits) {
+namespace {
+// The refusal of a request whose store file could not be read.
+ApplyOutcome unreadable(const std::string& error) {
+  ApplyOutcome outcome;
+  outcome.readFailed = true;
+  outcome.error = "reading the store failed: " + error;
+  return outcome;
+}
+}  // namespace
+
+ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits,
+                                 const StoreOwner* owner) {
   ApplyOutcome outcome;
   // Validate everything before touching anything: one bad record refuses all.
   for (const auto& [key, record] : changes) {
@@ -376,20 +478,21 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     }
     const PlistDictionary* dict = record.getDictionary();
     if (dict == nullptr) {
-      outcome.error = "the record for key \"" + key + "\" is not a dictionary";
+      outcome.error = "the record for key " + velmora::quoteForLog(key) + " is not a dictionary";
       return outcome;
     }
     if (dict->empty()) continue;
     std::int64_t timestamp = 0;
     if (ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp) == nullptr) {
-      outcome.error = "the record for key \"" + key + "\" does not decode";
+      outcome.error = "the record for key " + velmora::quoteForLog(key) + " does not decode";
       return outcome;
     }
   }
 
+  std::string error;
+  if (!load(&error)) return unreadable(error);
   if (origin == ChangeOrigin::Server) {
     // The server's records as they are, each a change made elsewhere.
-    ensureLoaded();
     ServerEdit edit;
     edit.records = changes;
     auto valuesIt = contents_->find(kStoreValuesKey);
@@ -405,7 +508,6 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     return applyServerEdit(edit);
   }
 
-  ensureLoaded();
   PlistDictionary next = *contents_;
   ValuesEdit edit(*contents_, next);
   const PlistDictionary& values = edit.values();
@@ -482,20 +584,18 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
   const std::int64_t oldCount = loadedChangeCount();
   outcome.accepted = true;
   outcome.changeCount = oldCount;
-  if (changed.empty() && outcome.refusedKeys.empty()) return outcome;  // nothing to write
+  // A refused key is not written anywhere, not even in the journal: a
+  // request of refused keys alone leaves the file as it was.
+  if (changed.empty()) return outcome;
 
-  std::int64_t count = oldCount;
-  if (!changed.empty()) {
-    ++count;
-    for (const std::string& key : changed) journalEntry(next, key, kJournalChangedElsewhere, count);
-    outcome.changeCount = count;
-  }
-  if (!outcome.refusedKeys.empty()) {
-    // Above the answered count: the sender hears of it at its next load.
-    ++count;
-    for (const std::string& key : outcome.refusedKeys) journalEntry(next, key, kJournalQuotaViolation, count);
-  }
+  const std::int64_t count = oldCount + 1;
+  for (const std::string& key : changed) journalEntry(next, key, kJournalChangedElsewhere, count);
+  outcome.changeCount = count;
   next[std::string(kStoreChangeCountKey)] = PropertyList::integer(count);
+  if (owner != nullptr && !next.contains(kStoreOwnerKey)) next[std::string(kStoreOwnerKey)] = owner->entry();
+  if (mayHoldTooManyAbsentEntries(next)) {
+    (void)pruneAbsentKeyEntries(next, clients_.empty() ? count - kUnheldJournalWindow : -1, kMaxAbsentKeyEntries * 3 / 4);
+  }
 
   if (!commitContents(next, outcome, &sizeUpdates)) return outcome;
   edit.commit();
@@ -546,7 +646,8 @@ bool Store::commitContents(PlistDictionary& next, ApplyOutcome& outcome, const S
 }
 
 ApplyOutcome Store::applyServerEdit(const ServerEdit& edit) {
-  ensureLoaded();
+  std::string error;
+  if (!load(&error)) return unreadable(error);
   ApplyOutcome outcome;
   outcome.accepted = true;
   PlistDictionary next = *contents_;
@@ -612,16 +713,21 @@ std::vector<std::string> Store::clientNames() const {
 }
 
 bool Store::pruneJournal() {
-  // With nobody registered, entries stay for whoever loads the file next.
-  if (clients_.empty()) return true;
-  std::int64_t released = std::numeric_limits<std::int64_t>::max();
-  for (const auto& [name, count] : clients_) released = std::min(released, count);
-  if (released < 0) return true;
-  ensureLoaded();
-  auto shared = std::make_shared<PlistDictionary>(*contents_);
-  ZKVJournal journal = ZKVJournal::withMutableStore(shared);
-  if (!journal.removeChangesUntilChangeCount(released)) return true;
   std::string error;
+  if (!load(&error)) return false;
+  auto shared = std::make_shared<PlistDictionary>(*contents_);
+  bool pruned = false;
+  if (!clients_.empty()) {
+    std::int64_t released = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [name, count] : clients_) released = std::min(released, count);
+    ZKVJournal journal = ZKVJournal::withMutableStore(shared);
+    if (released >= 0) pruned = journal.removeChangesUntilChangeCount(released);
+  }
+  // With nobody registered nobody holds entries; those of keys that went are
+  // kept only for a while, for a client that is about to come back.
+  const std::int64_t upTo = clients_.empty() ? loadedChangeCount() - kUnheldJournalWindow : -1;
+  pruned = pruneAbsentKeyEntries(*shared, upTo, kMaxAbsentKeyEntries) || pruned;
+  if (!pruned) return true;
   if (!writeContents(*shared, &error)) {
     log().log(LogLevel::Error, "Store " + path_.string() + ": pruning the journal failed: " + error);
     return false;
@@ -634,8 +740,8 @@ bool Store::rewrite() {
   struct stat info{};
   if (::stat(path_.c_str(), &info) != 0) return false;
   forgetContents();
-  ensureLoaded();
   std::string error;
+  if (!load(&error)) return false;
   if (!writeContents(*contents_, &error)) {
     log().log(LogLevel::Error, "Store " + path_.string() + ": rewrite failed: " + error);
     return false;
@@ -652,6 +758,7 @@ void Store::forgetContents() {
 std::string Store::debugDescription() {
   std::ostringstream out;
   out << "Store file: " << path_.string() << "\n";
+  if (std::string error; !load(&error)) return out.str() + "Unreadable: " + error + "\n";
   out << "Change count: " << changeCount() << "\n";
   out << "Key count: " << keyCount() << "\n";
   out << "Registered clients (" << clients_.size() << "):";

@@ -11,22 +11,35 @@
 // - File. The file is read on first use and rewritten whole after every
 //   effective change: temporary file beside it, fsync, rename, fsync of the
 //   directory, so a reader sees the old file or the new one, never half. A
-//   file that exists but does not decode is renamed aside and the store
-//   starts empty, so one damaged file never takes the daemon down.
+//   file that was read whole and does not decode is renamed aside (the last
+//   few such copies are kept) and the store starts empty, so one damaged
+//   file never takes the daemon down. A file that cannot be read (EMFILE,
+//   EACCES, EIO, ...) or is larger than any store could be is left where it
+//   is and every request fails until it reads again: a read failure never
+//   costs the user data.
 // - Memory. The loaded copy stays in memory. Each use compares the file's
 //   stat (device, inode, size, mtime) with what was last read or written and
 //   reads the file again only when something else replaced, changed or
-//   removed it. Temporary files a killed daemon left beside the store are
+//   removed it. The daemon closes stores nobody used for a while. Temporary files a killed daemon left beside the store are
 //   removed when the store is first loaded, and those of a failed write
 //   (which may not remove its own) after the next write that succeeds: only
 //   the daemon writes there.
 // - Journal. Each changed key is journaled at the new change count (code 0,
 //   changed elsewhere), keys refused over a limit one count higher (code 2),
-//   so the sender that was answered with the lower count learns of the
-//   refusal at its next load. Entries go once every registered client has
-//   released them (discardJournalEntries). The count never rises without a
-//   journal entry: a reader that finds a higher count and no entry compares
-//   whole records, and would report keys whose remote value alone changed.
+//   Keys refused over a limit change nothing on disk. Entries go once every
+//   registered client has released them (discardJournalEntries). Entries of
+//   keys no longer in the store are bounded besides: with nobody registered
+//   they go once kUnheldJournalWindow counts old, and past
+//   kMaxAbsentKeyEntries the oldest go whoever holds them (a reader that
+//   misses one compares whole records instead). The count never rises
+//   without a journal entry: a reader that finds a higher count and no entry
+//   compares whole records, and would report keys whose remote value alone
+//   changed.
+// - Owner. Store file names do not say where the application identifier
+//   ends: "A-S.plist" is application A's store S and application A-S's main
+//   store. Each client write records the writer's (application, store) under
+//   "owner" when the file has none, so the daemon can keep a confined caller
+//   out of a file that belongs to someone else.
 // - Sync state. Besides what applications read ("values", "changecount",
 //   "journal", "initialsync", "versionid"), the file keeps the sync engine's
 //   own state under "syncstate" (readers ignore it): the last pulled server
@@ -64,10 +77,38 @@ inline constexpr std::string_view kStoreJournalKey = "journal";
 inline constexpr std::string_view kStoreInitialSyncKey = "initialsync";
 inline constexpr std::string_view kStoreVersionIdKey = "versionid";
 inline constexpr std::string_view kStoreSyncStateKey = "syncstate";
+inline constexpr std::string_view kStoreOwnerKey = "owner";
+
+// Bounds on what a store keeps besides its values (see the design note).
+inline constexpr std::size_t kMaxAbsentKeyEntries = 256;
+inline constexpr std::int64_t kUnheldJournalWindow = 64;
+// No store the limits allow comes near this; a larger file is not read.
+inline constexpr std::size_t kMaxStoreFileBytes = 64u << 20;
+// Damaged copies kept beside a store file ("<file>.corrupt-<time>").
+inline constexpr std::size_t kKeptCorruptCopies = 3;
+
+// Who a store file belongs to: an application and, for an additional store,
+// the store's identifier. A value type.
+struct StoreOwner {
+  std::string application;
+  std::optional<std::string> store;
+
+  // Reads contents' "owner"; nullopt when absent or damaged. Pure.
+  static std::optional<StoreOwner> of(const velmora::PlistDictionary& contents);
+  // The "owner" entry. Pure; caller owns it.
+  velmora::PropertyList entry() const;
+  bool operator==(const StoreOwner&) const = default;
+};
 
 // Timestamps as storage records hold them: whole seconds since 2001-01-01
 // 00:00:00 UTC, now. Any thread.
 std::int64_t currentRecordTimestamp();
+
+// The size a store's limits count for a value (its timestamped serialised
+// length), and for a storage record's value (0 when the record does not
+// decode). Pure; any thread.
+std::uint64_t valueSize(const velmora::PropertyList& value);
+std::uint64_t recordSize(const velmora::PropertyList& record);
 
 // The sync engine's state kept in a store file under "syncstate". A value type.
 struct StoreSyncState {
@@ -111,6 +152,7 @@ struct ApplyOutcome {
   bool accepted = false;                 // false: the request was refused and nothing changed
   std::string error;                     // why, when refused
   bool writeFailed = false;              // refused because the file could not be written
+  bool readFailed = false;               // refused because the file could not be read (it stays as it is)
   bool written = false;                  // the file was rewritten and its count rose (observers should hear of it)
   bool rewrittenQuietly = false;         // the file was rewritten, the count stayed (sync bookkeeping only)
   std::int64_t changeCount = 0;          // the count to answer the sender with
@@ -147,18 +189,27 @@ class Store {
 
   // Every method below runs on the store's queue only (see the design note).
 
+  // Reads the file unless the loaded copy is current. False, with *error
+  // set when given, when the file exists but cannot be read: nothing is
+  // loaded then and the file stays where it is. Blocks on file I/O.
+  bool load(std::string* error = nullptr);
+  // Whether a store file exists (as of the last load). Loads like load().
+  bool hasFile();
+
   // Merges changes (key -> storage record, an empty dictionary removes the
   // key) into the store. Every record must decode, or the whole request is
   // refused with nothing changed. From a client: keys that would break
-  // limits are left out and journaled as quota violations, a written key
-  // keeps its remote value, and removing a key the server knows (its record
-  // has a remote value) notes the deletion for the server. From the server:
+  // limits are left out (listed in refusedKeys, nothing written for them),
+  // a written key keeps its remote value, removing a key the server knows
+  // (its record has a remote value) notes the deletion for the server, and
+  // a file without an owner gets owner (when given). From the server:
   // records are taken as they are, journaled as changed elsewhere, without
-  // limits (the server has applied its own). When anything changed, the change
-  // count rises and the file is written durably before this returns; a write
-  // failure refuses the request and leaves memory as it was. Loads the file
-  // first when needed. Blocks on file I/O.
-  ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits);
+  // limits (the caller has applied them). When anything changed, the change
+  // count rises and the file is written durably before this returns; a read
+  // or write failure refuses the request and leaves memory as it was. Loads
+  // the file first when needed. Blocks on file I/O.
+  ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits,
+                            const StoreOwner* owner = nullptr);
 
   // Applies what the sync engine decided (see ServerEdit): the count rises
   // once when edit.journal has keys, and they are journaled at the new
@@ -168,18 +219,22 @@ class Store {
   // failure leaves memory as it was. Blocks on file I/O.
   ApplyOutcome applyServerEdit(const ServerEdit& edit);
 
-  // The change count and number of keys; 0 for a store with no file. Load
-  // the file first when needed (blocking on file I/O). Never fail.
+  // The change count and number of keys; 0 for a store with no file or an
+  // unreadable one. Load the file first when needed (blocking on file I/O).
   std::int64_t changeCount();
   std::size_t keyCount();
-  // The whole store dictionary as it would be written; caller owns it. Loads
-  // like changeCount().
+  // The whole store dictionary as it would be written, none when the file
+  // cannot be read; caller owns it. Loads like changeCount().
   velmora::PropertyList contents();
+  // The recorded owner; nullopt when none is recorded or the file cannot be
+  // read. Loads like changeCount().
+  std::optional<StoreOwner> owner();
 
   // Client bookkeeping by bus name. A new client holds every journal entry
   // until it releases them. removeClient and releaseJournal prune the
   // journal (and rewrite the file when that removed entries); they return
-  // false only when that write failed. Blocks on file I/O when writing.
+  // false only when the file could not be read or written. Block on file
+  // I/O.
   // A known name stays as it is. Never blocks.
   void addClient(const std::string& name);
   // An unknown name changes nothing and returns true.
@@ -188,6 +243,7 @@ class Store {
   // an unknown name changes nothing and returns true.
   bool releaseJournal(const std::string& name, std::int64_t count);
   bool hasClient(const std::string& name) const { return clients_.contains(name); }
+  bool hasClients() const noexcept { return !clients_.empty(); }
   // The registered names in byte order; caller owns the vector.
   std::vector<std::string> clientNames() const;
 
@@ -228,9 +284,9 @@ class Store {
     bool operator==(const FileStamp& other) const;
   };
 
-  // Reads the file into contents_ unless loaded and unchanged on disk; a
-  // damaged file is set aside.
-  void ensureLoaded();
+  // Moves a file that was read whole and does not decode aside, keeping the
+  // last kKeptCorruptCopies such copies.
+  void setAside();
   // Whether the file on disk is no longer the one contents_ came from.
   bool changedOnDisk() const;
   // Removes temporary files of this store left by an interrupted write.
@@ -249,8 +305,9 @@ class Store {
   bool commitContents(velmora::PlistDictionary& next, ApplyOutcome& outcome, const SizeUpdates* sizeUpdates = nullptr);
   // sizes_, counted from contents_'s values when it is not there.
   void ensureSizesCounted();
-  // Removes journal entries every client released; writes when any went.
-  // False only when that write failed (memory then keeps the entries).
+  // Removes journal entries every client released and bounds those of keys
+  // no longer in the store; writes when any went. False only when the file
+  // could not be read or written (memory then keeps the entries).
   bool pruneJournal();
 
   const std::filesystem::path path_;                  // immutable

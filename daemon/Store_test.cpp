@@ -1,6 +1,7 @@
 // The daemon's store layer over real files in a scratch directory.
 #include "Store.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -34,8 +35,9 @@ const PropertyList kRemoval = PropertyList::dictionary({});
 class StoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/velmorad-store-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
+    // Memory-backed where there is one: these tests write hundreds of times.
+    std::string pattern = std::string(fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp") + "/velmorad-store-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     root_ = pattern;
     // Two levels that do not exist yet, as ~/Library/Quellstore on a new account.
     path_ = root_ / "Library" / "Quellstore" / "com.example.app.plist";
@@ -312,25 +314,55 @@ TEST_F(StoreTest, UnfinishedWritesOfAKilledDaemonAreRemovedOnLoad) {
   EXPECT_EQ(left, std::set<std::string>(kept.begin(), kept.end()));
 }
 
-TEST_F(StoreTest, DamagedFileIsSetAsideAndTheStoreStartsEmpty) {
-  fs::create_directories(path_.parent_path());
-  { std::ofstream(path_) << "bplist00 this is not a property list"; }
+// Only a file read whole that does not decode is damaged; one that cannot
+// be read (no descriptor left, a directory in its place) stays where it is
+// with everything in it, and writes wait until it reads again.
+TEST_F(StoreTest, OnlyADamagedFileIsSetAsideAndOnlyAFewCopiesAreKept) {
   Store store(path_);
-  EXPECT_EQ(store.changeCount(), 0);
-  EXPECT_EQ(store.keyCount(), 0u);
-  ApplyOutcome outcome = apply(store, {{"a", record("1")}});
-  ASSERT_TRUE(outcome.accepted);
-  EXPECT_EQ(outcome.changeCount, 1);
-  int asides = 0;
-  for (const auto& item : fs::directory_iterator(path_.parent_path())) {
-    if (item.path().filename().string().starts_with("com.example.app.plist.corrupt-")) {
-      ++asides;
-      std::ifstream in(item.path());
-      std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      EXPECT_EQ(text, "bplist00 this is not a property list");
-    }
+  ASSERT_TRUE(apply(store, {{"kept", record("1")}}).accepted);
+  const ino_t before = inode();
+  {
+    Store fresh(path_);  // a daemon that starts with every descriptor taken
+    struct rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    std::vector<int> taken;
+    struct rlimit tight = saved;
+    tight.rlim_cur = 64;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) taken.push_back(fd);
+    const ApplyOutcome outcome = apply(fresh, {{"new", record("2")}});
+    for (int fd : taken) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_FALSE(outcome.accepted);
+    EXPECT_TRUE(outcome.readFailed);
+    EXPECT_EQ(inode(), before);
+    EXPECT_EQ(apply(fresh, {{"new", record("2")}}).changeCount, 2);  // read again, nothing lost
+    EXPECT_EQ(onDisk().find("values")->count(), 2u);
   }
-  EXPECT_EQ(asides, 1);
+  auto asides = [&] {
+    std::vector<std::string> texts;
+    for (const auto& item : fs::directory_iterator(path_.parent_path())) {
+      if (!item.path().filename().string().starts_with("com.example.app.plist.corrupt-")) continue;
+      std::ifstream in(item.path());
+      texts.emplace_back((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    return texts;
+  };
+  fs::remove(path_);
+  fs::create_directory(path_);
+  EXPECT_FALSE(Store(path_).load());
+  EXPECT_TRUE(fs::is_directory(path_));
+  fs::remove(path_);
+
+  for (int i = 0; i < 5; ++i) {
+    { std::ofstream(path_) << "bplist00 damaged " << i; }
+    Store damaged(path_);
+    EXPECT_EQ(damaged.keyCount(), 0u);
+    EXPECT_EQ(apply(damaged, {{"a", record("1")}}).changeCount, 1);
+  }
+  const std::vector<std::string> kept = asides();
+  EXPECT_EQ(kept.size(), velmorad::kKeptCorruptCopies);
+  for (const std::string& text : kept) EXPECT_TRUE(text.starts_with("bplist00 damaged ")) << text;
   EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 1);
 }
 
@@ -349,7 +381,7 @@ TEST_F(StoreTest, DamagedPartsReadAsAbsent) {
   EXPECT_EQ(integerAt(onDisk(), {"journal", "a", "count"}), 1);
 }
 
-TEST_F(StoreTest, KeysOverALimitAreJournaledAboveTheAnsweredCount) {
+TEST_F(StoreTest, KeysOverALimitAreRefusedWithoutATraceOnDisk) {
   StoreLimits limits;
   limits.maxKeyCount = 2;
   limits.maxKeyNameLen = 4;
@@ -368,22 +400,27 @@ TEST_F(StoreTest, KeysOverALimitAreJournaledAboveTheAnsweredCount) {
   EXPECT_EQ(outcome.changeCount, 1);
   EXPECT_EQ(outcome.refusedKeys, (std::vector<std::string>{"b", "d", "long-name"}));
   const PropertyList file = onDisk();
-  EXPECT_EQ(integerAt(file, {"changecount"}), 2);
+  EXPECT_EQ(integerAt(file, {"changecount"}), 1);
   EXPECT_EQ(file.find("values")->count(), 2u);
-  for (const char* key : {"b", "d", "long-name"}) {
-    EXPECT_EQ(integerAt(file, {"journal", key, "change"}), velmorad::kJournalQuotaViolation) << key;
-    EXPECT_EQ(integerAt(file, {"journal", key, "count"}), 2) << key;
-  }
+  EXPECT_EQ(file.find("journal")->count(), 2u);  // "a" and "c" only
   EXPECT_EQ(integerAt(file, {"journal", "a", "count"}), 1);
+
+  // Refused keys alone write nothing, however many and however long.
+  const ino_t before = inode();
+  for (int i = 0; i < 2000; ++i) {
+    const ApplyOutcome refused = apply(store, {{std::string(1000, 'k') + std::to_string(i), record("v")}}, limits);
+    ASSERT_EQ(refused.refusedKeys.size(), 1u);
+  }
+  EXPECT_EQ(inode(), before);
 
   // The sum: a bigger "c" fits its own limit but not the sum; shrinking is fine.
   ApplyOutcome sum = apply(store, {{"c", record(std::string(180, 'z'))}}, limits);
   EXPECT_EQ(sum.refusedKeys, std::vector<std::string>{"c"});
-  EXPECT_EQ(sum.changeCount, 2);  // nothing stored: the count answered stays
-  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 3);
+  EXPECT_EQ(sum.changeCount, 1);  // nothing stored: the count answered stays
+  EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 1);
   ApplyOutcome shrink = apply(store, {{"c", record("small")}}, limits);
   EXPECT_TRUE(shrink.refusedKeys.empty());
-  EXPECT_EQ(shrink.changeCount, 4);
+  EXPECT_EQ(shrink.changeCount, 2);
 
   // A removal in the same request makes room for a new key.
   ApplyOutcome swap = apply(store, {{"a", kRemoval}, {"e", record("5")}}, limits);
@@ -412,6 +449,19 @@ TEST_F(StoreTest, JournalEntriesGoOnceEveryClientReleasedThem) {
   EXPECT_EQ(onDisk().find("journal"), nullptr);
   EXPECT_EQ(store.clientNames(), std::vector<std::string>{":1.1"});
   EXPECT_EQ(integerAt(onDisk(), {"changecount"}), 2);
+
+  // Keys that come and go: a client that never releases holds at most a
+  // bounded number of their entries, and once nobody is registered the
+  // old ones go.
+  for (int i = 1; i < 400; ++i) {
+    ASSERT_TRUE(apply(store, {{"gone" + std::to_string(i - 1), kRemoval}, {"gone" + std::to_string(i), record("x")}})
+                    .accepted);
+  }
+  const std::size_t held = onDisk().find("journal")->count();
+  EXPECT_LE(held, 3 + velmorad::kMaxAbsentKeyEntries);
+  EXPECT_GT(held, velmorad::kMaxAbsentKeyEntries / 2);
+  EXPECT_TRUE(store.removeClient(":1.1"));
+  EXPECT_LE(onDisk().find("journal")->count(), static_cast<std::size_t>(velmorad::kUnheldJournalWindow) + 2);
 }
 
 }  // namespace
