@@ -10,6 +10,7 @@
 
 #include "Store.h"
 #include "velmora/platform/Environment.h"
+#include "velmora/platform/Network.h"
 #include "velmora/platform/PlistCodec.h"
 #include "velmora/platform/PropertyList.h"
 
@@ -32,10 +33,6 @@ std::string hex(const std::uint8_t* bytes, std::size_t count) {
     out.push_back(kDigits[bytes[i] & 0xf]);
   }
   return out;
-}
-
-bool isLoopbackHost(const std::string& host) {
-  return host == "localhost" || host == "[::1]" || host.rfind("127.", 0) == 0;
 }
 
 std::string stringEntry(const velmora::PlistDictionary& dict, std::string_view key) {
@@ -66,8 +63,13 @@ std::optional<ServerAddress> parseServerUrl(const std::string& url, std::string*
     *error = "\"" + url + "\" is not a server address like https://host:port";
     return std::nullopt;
   }
-  const std::string host = rest.substr(0, colon);
-  return ServerAddress{rest, tls.value_or(!isLoopbackHost(host))};
+  // The token travels with every call: in plaintext only to this machine.
+  const bool loopback = velmora::isLoopbackHost(std::string_view(rest).substr(0, colon));
+  if (tls == false && !loopback) {
+    *error = "plaintext (http://) only to a loopback address (127.0.0.0/8, ::1, localhost); use https://";
+    return std::nullopt;
+  }
+  return ServerAddress{rest, tls.value_or(!loopback)};
 }
 
 std::string AccountConfig::accountIdentifier() const {

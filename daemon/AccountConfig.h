@@ -25,8 +25,9 @@ struct ServerAddress {
 };
 
 // Parses "http://host:port", "https://host:port" or "host:port" (TLS unless
-// the host is loopback: 127.x.x.x, localhost, [::1]). A trailing "/" is
-// allowed, any other path is not. nullopt with *error set for anything else.
+// the host is loopback: 127.0.0.0/8, ::1 or localhost). http:// is refused
+// for any other host. A trailing "/" is allowed, any other path is not.
+// nullopt with *error set for anything else.
 // Pure; any thread.
 std::optional<ServerAddress> parseServerUrl(const std::string& url, std::string* error);
 

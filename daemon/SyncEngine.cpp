@@ -5,6 +5,7 @@
 #include <ctime>
 #include <set>
 #include <sstream>
+#include <unordered_map>
 
 #include "Store.h"
 #include "SyncRecords.h"
@@ -68,8 +69,16 @@ const PlistDictionary& dictionaryOf(const PropertyList& value) {
   return dict != nullptr ? *dict : kEmpty;
 }
 
+// A few lines a pass: a server that sends thousands of bad records must not
+// flood the log.
 void logProblems(const std::string& store, const std::vector<std::string>& problems) {
-  for (const std::string& problem : problems) log().log(LogLevel::Default, "velmorad sync: " + store + ": " + problem);
+  constexpr std::size_t kMaxLines = 10;
+  for (std::size_t i = 0; i < problems.size() && i < kMaxLines; ++i) {
+    log().log(LogLevel::Default, "velmorad sync: " + store + ": " + problems[i]);
+  }
+  if (problems.size() > kMaxLines) {
+    log().logf(LogLevel::Default, "velmorad sync: %s: %zu more problems", store.c_str(), problems.size() - kMaxLines);
+  }
 }
 
 }  // namespace
@@ -463,6 +472,12 @@ SyncCallResult SyncEngine::syncStore(const std::string& name, bool pull) {
     std::int64_t cursor = initial ? 0 : std::max(knownRevision, fileRevision);
     std::vector<RemoteRecord> records;
     std::vector<std::string> problems;
+    // One record per key, the latest; a pull that brings more keys than a
+    // store could ever hold is cut short rather than kept whole in memory.
+    std::unordered_map<std::string, std::size_t> slots;
+    const StoreLimits limits;
+    const std::size_t maxKeys = static_cast<std::size_t>(std::max<std::int64_t>(limits.maxKeyCount, 0)) * 2;
+    bool overflowed = false;
     for (;;) {
       syncpb::PullRequest request;
       request.set_store(name);
@@ -472,16 +487,26 @@ SyncCallResult SyncEngine::syncStore(const std::string& name, bool pull) {
       if (!result.ok()) return result;
       for (const syncpb::Record& record : reply.records()) {
         std::string error;
-        if (std::optional<RemoteRecord> remote = decodeRemoteRecord(record, &error)) {
+        std::optional<RemoteRecord> remote = decodeRemoteRecord(record, &error, limits);
+        if (!remote) {
+          problems.push_back(error);
+          continue;
+        }
+        auto [slot, added] = slots.try_emplace(remote->key, records.size());
+        if (!added) {
+          if (remote->revision >= records[slot->second].revision) records[slot->second] = std::move(*remote);
+        } else if (records.size() < maxKeys) {
           records.push_back(std::move(*remote));
         } else {
-          problems.push_back(error);
+          slots.erase(slot);
+          overflowed = true;
         }
       }
       const bool progressed = reply.revision() > cursor;
       cursor = std::max(cursor, reply.revision());
       if (reply.complete() || !progressed) break;
     }
+    if (overflowed) problems.push_back("the server sent more keys than the store can hold; the rest were left out");
     logProblems(name, problems);
     problems.clear();
 
@@ -499,7 +524,7 @@ SyncCallResult SyncEngine::syncStore(const std::string& name, bool pull) {
       const std::int32_t code = !initial ? kJournalChangedElsewhere
                                 : accountChange ? kJournalAccountChange
                                                 : kJournalInitialSync;
-      ServerEdit edit = mergeRemoteRecords(dict, records, code, &problems);
+      ServerEdit edit = mergeRemoteRecords(dict, records, code, &problems, limits);
       if (initial) {
         if (edit.records.empty() && !std::filesystem::exists(store.path())) {
           skipped = true;  // the server holds nothing for a store that has no file here

@@ -304,7 +304,12 @@ TEST(SyncAccount, ServerUrlsAndAccountIdentifiers) {
   EXPECT_FALSE(parseServerUrl("localhost:4000", &error)->tls);
   EXPECT_TRUE(parseServerUrl("sync.example.org:443", &error)->tls);
   EXPECT_TRUE(parseServerUrl("https://127.0.0.1:4000", &error)->tls);
-  for (const char* bad : {"ftp://h:1", "h", "h:", ":1", "http://h:1/path", "h:12x"}) {
+  EXPECT_FALSE(parseServerUrl("http://[::1]:4000", &error)->tls);
+  // A name that only looks like loopback gets TLS or nothing: the token must
+  // not travel in plaintext to it.
+  EXPECT_TRUE(parseServerUrl("127.evil.example:443", &error)->tls);
+  for (const char* bad : {"ftp://h:1", "h", "h:", ":1", "http://h:1/path", "h:12x", "http://127.evil.example:443",
+                          "http://sync.example.org:80"}) {
     EXPECT_FALSE(parseServerUrl(bad, &error)) << bad;
   }
   AccountConfig a{"http://h:1", "secret-token", "dev"};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "velmora/platform/Log.h"
 #include "zkv/ZKVEncoding.h"
 
 namespace velmorad {
@@ -23,8 +24,26 @@ const PlistDictionary& valuesOf(const PlistDictionary& contents) {
 // the edit so far leaves them.
 class Working {
  public:
-  explicit Working(const PlistDictionary& contents)
-      : values_(valuesOf(contents)), state_(StoreSyncState::of(contents)), original_(state_) {}
+  explicit Working(const PlistDictionary& contents, const StoreLimits& limits = {})
+      : values_(valuesOf(contents)), state_(StoreSyncState::of(contents)), original_(state_), limits_(limits) {}
+
+  // Whether key may take value within the store's key count and size sum
+  // (a value over its own limit never decodes). A store already over the
+  // sum may still shrink.
+  bool fits(const std::string& key, const PropertyList& value) {
+    const PropertyList* local = record(key);
+    if (local == nullptr && static_cast<std::int64_t>(values_.size()) >= limits_.maxKeyCount) return false;
+    if (!total_) {
+      total_ = 0;
+      for (const auto& [name, stored] : values_) *total_ += recordSize(stored);
+    }
+    const std::uint64_t oldSize = local != nullptr ? recordSize(*local) : 0;
+    const std::uint64_t newSize = valueSize(value);
+    const std::uint64_t sum = static_cast<std::uint64_t>(std::max<std::int64_t>(limits_.maxKeyDataSum, 0));
+    if (newSize > oldSize && *total_ - oldSize + newSize > sum) return false;
+    *total_ = *total_ - oldSize + newSize;
+    return true;
+  }
 
   const PropertyList* record(const std::string& key) const {
     auto it = values_.find(key);
@@ -63,6 +82,8 @@ class Working {
   PlistDictionary values_;
   StoreSyncState state_;
   const StoreSyncState original_;
+  const StoreLimits limits_;
+  std::optional<std::uint64_t> total_;  // the values' size sum, counted on first need
   ServerEdit edit_;
 };
 
@@ -135,7 +156,11 @@ void decide(Working& w, const RemoteRecord& remote, std::int32_t code, std::vect
 
   PropertyList adopted = adoptedRecord(remote);
   if (adopted.isNone()) {
-    problems->push_back("the server's value of \"" + key + "\" does not decode");
+    problems->push_back("the server's value of " + velmora::quoteForLog(key) + " does not decode");
+    return;
+  }
+  if (!w.fits(key, remote.value)) {
+    problems->push_back("the server's value of " + velmora::quoteForLog(key) + " would take the store over its limits");
     return;
   }
   w.set(key, std::move(adopted), code);
@@ -144,7 +169,8 @@ void decide(Working& w, const RemoteRecord& remote, std::int32_t code, std::vect
 
 }  // namespace
 
-std::optional<RemoteRecord> decodeRemoteRecord(const syncpb::Record& record, std::string* error) {
+std::optional<RemoteRecord> decodeRemoteRecord(const syncpb::Record& record, std::string* error,
+                                               const StoreLimits& limits) {
   RemoteRecord remote;
   remote.key = record.key();
   remote.revision = record.revision();
@@ -152,27 +178,43 @@ std::optional<RemoteRecord> decodeRemoteRecord(const syncpb::Record& record, std
     *error = "a record without a key";
     return std::nullopt;
   }
+  if (static_cast<std::int64_t>(remote.key.size()) > limits.maxKeyNameLen) {
+    *error = "the record key " + velmora::quoteForLog(remote.key) + " is over the length limit";
+    return std::nullopt;
+  }
   if (record.deleted()) {
     remote.deleted = true;
     remote.timestamp = record.timestamp();
     return remote;
   }
+  // The serialised form is the value's counted size: nothing over the
+  // value limit is worth inflating or keeping.
+  const std::size_t maxBytes = static_cast<std::size_t>(std::max<std::int64_t>(limits.maxKeyDataLen, 0));
   const auto* raw = reinterpret_cast<const std::uint8_t*>(record.value().data());
   std::span<const std::uint8_t> bytes(raw, record.value().size());
   std::optional<Bytes> plain;
   if (record.gzipped()) {
-    plain = ZKVCopyUngzippedDataForData(bytes);
+    bool tooLarge = false;
+    plain = ZKVCopyUngzippedDataForDataWithLimit(bytes, maxBytes, &tooLarge);
     if (!plain) {
-      *error = "the value of \"" + remote.key + "\" is flagged gzipped but does not gunzip";
+      *error = "the value of " + velmora::quoteForLog(remote.key) +
+               (tooLarge ? " inflates past the value limit" : " is flagged gzipped but does not gunzip");
       return std::nullopt;
     }
+  } else if (bytes.size() > maxBytes) {
+    *error = "the value of " + velmora::quoteForLog(remote.key) + " is over the value limit";
+    return std::nullopt;
   } else {
     plain.emplace(bytes.begin(), bytes.end());
   }
   std::int64_t timestamp = 0;
   remote.value = ZKVCopyPropertyListAndTimestampFromData(*plain, &timestamp);
   if (remote.value.isNone()) {
-    *error = "the value of \"" + remote.key + "\" is not in the timestamped serialised form";
+    *error = "the value of " + velmora::quoteForLog(remote.key) + " is not in the timestamped serialised form";
+    return std::nullopt;
+  }
+  if (valueSize(remote.value) > maxBytes) {
+    *error = "the value of " + velmora::quoteForLog(remote.key) + " is over the value limit";
     return std::nullopt;
   }
   remote.timestamp = timestamp;
@@ -260,14 +302,14 @@ std::size_t countPending(const PlistDictionary& contents) {
 }
 
 ServerEdit mergeRemoteRecords(const PlistDictionary& contents, const std::vector<RemoteRecord>& records,
-                              std::int32_t code, std::vector<std::string>* problems) {
+                              std::int32_t code, std::vector<std::string>* problems, const StoreLimits& limits) {
   // The latest version of each key (pages of one pull may repeat a key).
   std::map<std::string, const RemoteRecord*> latest;
   for (const RemoteRecord& record : records) {
     const RemoteRecord*& slot = latest[record.key];
     if (slot == nullptr || record.revision >= slot->revision) slot = &record;
   }
-  Working w(contents);
+  Working w(contents, limits);
   for (const auto& [key, record] : latest) decide(w, *record, code, problems);
   return w.finish();
 }
@@ -279,7 +321,7 @@ ServerEdit applyPushResults(const PlistDictionary& contents, const PushBatch& ba
     const std::string& key = result.key();
     auto itemIt = batch.items.find(key);
     if (itemIt == batch.items.end()) {
-      problems->push_back("the server answered for \"" + key + "\", which was not pushed");
+      problems->push_back("the server answered for " + velmora::quoteForLog(key) + ", which was not pushed");
       continue;
     }
     const PushBatch::Item& item = itemIt->second;
@@ -318,7 +360,7 @@ ServerEdit applyPushResults(const PlistDictionary& contents, const PushBatch& ba
 
       case syncpb::PushResult::SUPERSEDED:
         if (!winner) {
-          problems->push_back("the server superseded \"" + key + "\" without a usable winner");
+          problems->push_back("the server superseded " + velmora::quoteForLog(key) + " without a usable winner");
         } else if (stillPushed(local, deletion, item)) {
           // What we pushed lost: the winner stands, whatever its time.
           if (winner->deleted) {
@@ -335,7 +377,7 @@ ServerEdit applyPushResults(const PlistDictionary& contents, const PushBatch& ba
 
       case syncpb::PushResult::REFUSED_LIMIT:
       case syncpb::PushResult::REFUSED_INVALID:
-        problems->push_back("the server refused \"" + key + "\": " + result.reason());
+        problems->push_back("the server refused " + velmora::quoteForLog(key) + ": " + velmora::quoteForLog(result.reason(), 200));
         if (!stillPushed(local, deletion, item)) break;  // changed since; the next push tries again
         w.forgetDeletion(key);
         if (winner && !winner->deleted) {
@@ -350,7 +392,7 @@ ServerEdit applyPushResults(const PlistDictionary& contents, const PushBatch& ba
       case syncpb::PushResult::REFUSED_FUTURE:
       default:
         // Stays pending: a clock put right lets a later push through.
-        problems->push_back("the server refused \"" + key + "\": " + result.reason());
+        problems->push_back("the server refused " + velmora::quoteForLog(key) + ": " + velmora::quoteForLog(result.reason(), 200));
         break;
     }
   }

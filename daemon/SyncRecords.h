@@ -49,9 +49,11 @@ struct RemoteRecord {
   std::int64_t revision = 0;
 };
 
-// Decodes a wire record (gunzipping when flagged). nullopt with *error set
-// when it is not a readable record.
-std::optional<RemoteRecord> decodeRemoteRecord(const syncpb::Record& record, std::string* error);
+// Decodes a wire record (gunzipping when flagged, never past the value
+// limit). nullopt with *error set when it is not a readable record or its
+// key or value is over limits.
+std::optional<RemoteRecord> decodeRemoteRecord(const syncpb::Record& record, std::string* error,
+                                               const StoreLimits& limits = {});
 
 // The wire record for a value: its timestamped serialised form, gzipped when
 // that is smaller. nullopt when the value cannot be serialised.
@@ -86,10 +88,11 @@ std::size_t countPending(const velmora::PlistDictionary& contents);
 
 // What received records do to contents; each value that changes is
 // journaled with code. Later records of a key win over earlier ones in the
-// list. The edit's syncState is set when the noted deletions changed.
-// *problems gets one line per record that could not be used.
+// list. A value that would take the store past limits' key count or size
+// sum is left out. The edit's syncState is set when the noted deletions
+// changed. *problems gets one line per record that could not be used.
 ServerEdit mergeRemoteRecords(const velmora::PlistDictionary& contents, const std::vector<RemoteRecord>& records,
-                              std::int32_t code, std::vector<std::string>* problems);
+                              std::int32_t code, std::vector<std::string>* problems, const StoreLimits& limits = {});
 
 // What the server's answer to batch does to contents, which may have
 // changed since the batch was collected. *problems gets one line per record

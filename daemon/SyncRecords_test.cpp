@@ -170,6 +170,44 @@ TEST(SyncRecords, ValuesTravelGzippedOnlyWhenThatIsSmaller) {
   EXPECT_FALSE(decodeRemoteRecord(*wire, &error));
 }
 
+// What a server (or anyone between) sends is held to the store's limits:
+// nothing is inflated or kept past them, and one bad record costs only itself.
+TEST(SyncRecords, RecordsOverTheStoreLimitsAreLeftOut) {
+  StoreLimits limits;
+  limits.maxKeyCount = 3;
+  limits.maxKeyNameLen = 8;
+  limits.maxKeyDataLen = 1000;
+  limits.maxKeyDataSum = 1500;
+  velmora::Bytes serialized;
+  auto wire = [&](const std::string& key, std::size_t size) {
+    return *encodeValueRecord(key, text(std::string(size, 'z')), 77, "dev", &serialized);
+  };
+  syncpb::Record bomb = wire("k", 5'000'000);  // a few KiB of gzip
+  syncpb::Record trailing = wire("k", 500);
+  trailing.mutable_value()->append(std::string(100'000, 'j'));
+  syncpb::Record deletion;
+  deletion.set_key(std::string(5000, 'd'));
+  deletion.set_deleted(true);
+  deletion.set_timestamp(77);
+  std::string error;
+  for (const syncpb::Record& bad : {bomb, trailing, wire("long-key-name", 10), deletion, wire("plain", 2000)}) {
+    EXPECT_FALSE(decodeRemoteRecord(bad, &error, limits)) << bad.key().substr(0, 20);
+    EXPECT_LT(error.size(), 200u) << error;
+  }
+  ASSERT_TRUE(bomb.gzipped() && trailing.gzipped());
+
+  // The key count and the size sum, against what the store holds.
+  std::vector<std::string> problems;
+  const ServerEdit edit = mergeRemoteRecords(
+      contentsWith({{"a", localRecord(std::string(600, 'a'), 100)}}),
+      {remote("b", std::string(600, 'b'), 50), remote("c", std::string(600, 'c'), 50), remote("d", "d", 50),
+       remote("e", "e", 50)},
+      kJournalChangedElsewhere, &problems, limits);
+  EXPECT_EQ(edit.records.size(), 2u);  // "b" fits; "c" would pass the sum, "e" the count
+  EXPECT_TRUE(edit.records.contains("b") && edit.records.contains("d"));
+  EXPECT_EQ(problems.size(), 2u);
+}
+
 // One push answered: what the store should look like afterwards.
 TEST(SyncRecords, PushResultsAcknowledgeSupersedeOrRevert) {
   StoreSyncState state;

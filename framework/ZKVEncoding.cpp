@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <array>
+#include <limits>
 #include <string_view>
 
 #include "velmora/platform/PlistCodec.h"
@@ -86,7 +87,12 @@ std::optional<Bytes> ZKVCopyGzippedDataForData(std::span<const std::uint8_t> inp
   return output;
 }
 
-std::optional<Bytes> ZKVCopyUngzippedDataForData(std::span<const std::uint8_t> input) {
+namespace {
+
+// The first gzip member of input, stopping with nullopt (and *tooLarge set)
+// once the output passes limit; with wholeInput, bytes after the member
+// refuse it too.
+std::optional<Bytes> ungzip(std::span<const std::uint8_t> input, std::size_t limit, bool wholeInput, bool* tooLarge) {
   z_stream strm{};
   strm.next_in = const_cast<Bytef*>(input.data());
   strm.avail_in = static_cast<uInt>(input.size());
@@ -104,11 +110,33 @@ std::optional<Bytes> ZKVCopyUngzippedDataForData(std::span<const std::uint8_t> i
     result = inflate(&strm, Z_NO_FLUSH);
     if (result != Z_OK && result != Z_STREAM_END) break;
     std::size_t produced = chunk.size() - strm.avail_out;
+    if (output.size() + produced > limit) {
+      if (tooLarge != nullptr) *tooLarge = true;
+      result = Z_BUF_ERROR;
+      break;
+    }
     if (produced > 0) output.insert(output.end(), chunk.data(), chunk.data() + produced);
   } while (result == Z_OK);
   inflateEnd(&strm);
   if (result != Z_STREAM_END) return std::nullopt;
+  if (wholeInput && static_cast<std::uint64_t>(strm.total_in) != static_cast<std::uint64_t>(input.size())) {
+    return std::nullopt;
+  }
   return output;
+}
+
+}  // namespace
+
+std::optional<Bytes> ZKVCopyUngzippedDataForData(std::span<const std::uint8_t> input) {
+  return ungzip(input, std::numeric_limits<std::size_t>::max(), false, nullptr);
+}
+
+std::optional<Bytes> ZKVCopyUngzippedDataForDataWithLimit(std::span<const std::uint8_t> input, std::size_t limit,
+                                                          bool* tooLarge) {
+  if (tooLarge != nullptr) *tooLarge = false;
+  // The input length must fit zlib's 32-bit counter for the whole-input check.
+  if (input.size() > std::numeric_limits<uInt>::max()) return std::nullopt;
+  return ungzip(input, limit, true, tooLarge);
 }
 
 std::ptrdiff_t ZKVGetSerializedLengthForPropertyList(const PropertyList& value) {

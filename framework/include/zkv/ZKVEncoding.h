@@ -36,6 +36,14 @@ std::optional<velmora::Bytes> ZKVCopyGzippedDataForData(std::span<const std::uin
 // Caller owns the result.
 std::optional<velmora::Bytes> ZKVCopyUngzippedDataForData(std::span<const std::uint8_t> input);
 
+// Decompresses input, which must be exactly one gzip member (bytes after it
+// refuse it), giving up once the content passes limit bytes: a small stream
+// may inflate a thousandfold. nullopt when refused, with *tooLarge (when
+// given) telling a content over limit from a malformed input. Caller owns
+// the result.
+std::optional<velmora::Bytes> ZKVCopyUngzippedDataForDataWithLimit(std::span<const std::uint8_t> input,
+                                                                   std::size_t limit, bool* tooLarge);
+
 // Length of the timestamped serialised form of value (header included), or 0
 // when the value cannot be written as a binary property list.
 std::ptrdiff_t ZKVGetSerializedLengthForPropertyList(const velmora::PropertyList& value);
