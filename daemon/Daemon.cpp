@@ -28,6 +28,7 @@
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/Log.h"
 #include "velmora/platform/SystemNotifications.h"
+#include "zkv/ZKVEncoding.h"
 #include "zkv/ZKVClient.h"
 #include "zkv/ZKVLog.h"
 #include "zkv/ZKVRemotePreferencesSource.h"
@@ -124,146 +125,70 @@ std::filesystem::path lockPathFor(const std::filesystem::path& storeFile) {
 
 }  // namespace
 
-// A serial executor with a thread of its own, started on demand and gone
-// after a while idle. A store's work blocks on fsync; on the shared pool
-// (bounded by the core count) a few stores' disk writes would hold up the
-// requests of every other store.
-//
-// Each work item runs under an exclusive flock of a lock file beside the
-// store file: a daemon that lost its bus may still be finishing writes while
-// its successor already serves the same home, and without the lock one of
-// them could rewrite the file from a copy that misses the other's change.
-// Under the lock the Store notices the other's file and reads it again.
-class StoreExecutor {
- public:
-  // afterEach runs on the executor's thread after every work item, still
-  // under the store's lock.
-  StoreExecutor(std::filesystem::path lockPath, std::function<void()> afterEach)
-      : lockPath_(std::move(lockPath)), afterEach_(std::move(afterEach)) {}
-  ~StoreExecutor() {
-    stop();
-    if (lockFd_ >= 0) ::close(lockFd_);
-  }
-  StoreExecutor(const StoreExecutor&) = delete;
-  StoreExecutor& operator=(const StoreExecutor&) = delete;
-
-  // Runs work after everything queued before it, on the executor's thread.
-  void async(std::function<void()> work) {
-    {
-      std::lock_guard lock(mutex_);
-      work_.push_back(std::move(work));
-      if (!running_) {
-        // A thread that left after idling has only its return left to make.
-        if (thread_.joinable()) thread_.join();
-        running_ = true;
-        thread_ = std::thread([this] { run(); });
-        return;
-      }
-    }
-    // Outside the lock, so that the woken thread does not wait for it.
-    wake_.notify_one();
-  }
-
-  // Runs work as async() does and waits for it. Never from the executor's own work.
-  void sync(const std::function<void()>& work) {
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
-    async([&] {
-      work();
-      std::lock_guard lock(doneMutex);
-      done = true;
-      doneSignal.notify_one();
-    });
-    std::unique_lock lock(doneMutex);
-    doneSignal.wait(lock, [&] { return done; });
-  }
-
-  // Runs what is queued, then ends the thread. Call once nothing queues any more.
-  void stop() {
-    {
-      std::lock_guard lock(mutex_);
-      stopping_ = true;
-      wake_.notify_all();
-    }
-    if (thread_.joinable()) thread_.join();
-  }
-
- private:
-  static constexpr auto kIdleTime = std::chrono::seconds(10);
-
-  void run() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      wake_.wait_for(lock, kIdleTime, [&] { return !work_.empty() || stopping_; });
-      if (work_.empty()) {
-        running_ = false;
-        return;
-      }
-      std::function<void()> item = std::move(work_.front());
-      work_.pop_front();
-      lock.unlock();
-      const bool locked = lockStoreFile();
-      item();
-      afterEach_();
-      if (locked) ::flock(lockFd_, LOCK_UN);
-      item = nullptr;  // its captures go before the next wait
-      lock.lock();
-    }
-  }
-
-  // Executor thread: takes the store's file lock, opening the lock file on
-  // first use. False when it cannot be had (no directory yet, read-only):
-  // the work then runs unlocked rather than not at all.
-  bool lockStoreFile() {
-    if (lockFd_ < 0) {
-      lockFd_ = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-      if (lockFd_ < 0) return false;
-    }
-    while (::flock(lockFd_, LOCK_EX) != 0) {
-      if (errno != EINTR) return false;
-    }
-    return true;
-  }
-
-  const std::filesystem::path lockPath_;      // immutable
-  const std::function<void()> afterEach_;     // immutable
-  int lockFd_ = -1;                       // executor thread only (closed by the destructor after stop())
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> work_;  // guarded by mutex_
-  bool running_ = false;                    // guarded by mutex_: a thread drains work_
-  bool stopping_ = false;                   // guarded by mutex_
-  std::thread thread_;                      // guarded by mutex_ (joined without it by stop())
-};
-
 // One request, parsed on the bus thread and carried to a queue by value.
 struct Daemon::Request {
   std::string message;
   PropertyList userInfo;
-  std::string sender;       // the caller's unique bus name
-  std::string application;  // the store's application, once resolved
+  std::string sender;  // the caller's unique bus name
+  StoreOwner owner;    // the store's application and (additional stores) identifier, once resolved
+  bool confined = false;  // the caller runs in a sandbox: only its own stores
 };
 
-struct Daemon::StoreEntry {
-  // Each rewrite keeps the replaced file under a second name; once the work
-  // item that made it (its reply included) is done, a background queue
-  // unlinks it. Freeing its blocks costs about as much as an fsync here, and
-  // neither this reply nor the store's next request should wait for it.
-  explicit StoreEntry(const std::string& path)
-      : queue(std::make_unique<StoreExecutor>(lockPathFor(path),
-                                              [this] {
-                                                std::filesystem::path kept = store.takeReplacedFile();
-                                                if (kept.empty()) return;
-                                                janitorQueue()->async([kept = std::move(kept)] { ::unlink(kept.c_str()); });
-                                              })),
-        store(path),
-        name(std::filesystem::path(path).stem().string()) {
+// One open store: its file's contents and clients, and the queue its work
+// runs on.
+struct Daemon::StoreEntry : std::enable_shared_from_this<StoreEntry> {
+  StoreEntry(const std::string& path, StoreWorkers& workers)
+      : queue(workers.makeQueue()), store(path), name(std::filesystem::path(path).stem().string()),
+        lockPath(lockPathFor(path)) {
     store.setKeepReplacedFile(true);
   }
-  const std::unique_ptr<StoreExecutor> queue;  // immutable
-  Store store;                                 // guarded by queue
-  const std::string name;                      // immutable; the store's name on the sync server
+
+  // Runs work on the store's queue (sync: and waits for it), each item
+  // under the store's file lock. Work that cannot write the store (reads,
+  // registrations) makes no lock file when there is none.
+  void async(std::function<void()> work, bool mayWrite = true) {
+    queue->async([self = shared_from_this(), work = std::move(work), mayWrite] { self->locked(work, mayWrite); });
+  }
+  void sync(const std::function<void()>& work) {
+    queue->sync([&] { locked(work); });
+  }
+
+  const std::shared_ptr<StoreWorkers::SerialQueue> queue;  // immutable
+  Store store;                                             // guarded by queue
+  const std::string name;                                  // immutable; the store's name on the sync server
+  const std::filesystem::path lockPath;                    // immutable
+  std::atomic<bool> hasClients{false};                     // written on queue after each item; read by the sweep
+  std::atomic<std::int64_t> lastUsed{nowTicks()};          // steady-clock ns of the last item; ditto
+  std::atomic<bool> contentsDropped{false};                // set by the sweep, cleared by each item
+
+  static std::int64_t nowTicks() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+ private:
+  // On the queue. A daemon that lost its bus may still be finishing writes
+  // while its successor already serves the same home; without the lock one
+  // of them could rewrite the file from a copy that misses the other's
+  // change (under it the Store notices the other's file and reads it
+  // again). The lock file is open only while work runs, so idle stores hold
+  // no descriptor. When it cannot be had (no directory yet, read-only), the
+  // work runs unlocked rather than not at all.
+  //
+  // Each rewrite keeps the replaced file under a second name; once the item
+  // (its reply included) is done, a background queue unlinks it: freeing
+  // its blocks costs about as much as an fsync here, and neither this reply
+  // nor the store's next request should wait for it.
+  void locked(const std::function<void()>& work, bool mayWrite = true) {
+    const int fd = ::open(lockPath.c_str(), O_RDWR | O_CLOEXEC | (mayWrite ? O_CREAT : 0), 0600);
+    bool held = fd >= 0;
+    while (held && ::flock(fd, LOCK_EX) != 0) held = errno == EINTR;
+    work();
+    if (std::filesystem::path kept = store.takeReplacedFile(); !kept.empty()) {
+      janitorQueue()->async([kept = std::move(kept)] { ::unlink(kept.c_str()); });
+    }
+    hasClients.store(store.hasClients(), std::memory_order_relaxed);
+    lastUsed.store(nowTicks(), std::memory_order_relaxed);
+    contentsDropped.store(false, std::memory_order_relaxed);
+    if (fd >= 0) ::close(fd);  // lets go of the lock
+  }
 };
 
 // The sync engine's view of the daemon: stores by name, on their queues.
@@ -275,7 +200,7 @@ class Daemon::Host final : public SyncHost {
     const std::optional<std::filesystem::path> dir = storeDirectory();
     if (!dir || !isFileSafeIdentifier(name)) return;
     std::shared_ptr<StoreEntry> entry = daemon_.storeFor((*dir / (name + ".plist")).string());
-    entry->queue->sync([&] { work(entry->store); });
+    entry->sync([&] { work(entry->store); });
   }
 
   std::vector<std::string> localStoreNames() override {
@@ -305,7 +230,12 @@ struct BusCallbacks {
     const char* oldOwner = nullptr;
     const char* newOwner = nullptr;
     if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
-    if (name[0] == ':' && newOwner[0] == '\0') static_cast<Daemon*>(userdata)->clientGone(name);
+    if (name[0] != ':') return 0;  // unique names only: those are connections
+    if (newOwner[0] == '\0') {
+      static_cast<Daemon*>(userdata)->clientGone(name);
+    } else if (oldOwner[0] == '\0') {
+      static_cast<Daemon*>(userdata)->clientAppeared(name);
+    }
     return 0;
   }
 };
@@ -356,8 +286,10 @@ PropertyList replyFor(const SyncReply& outcome) {
 
 }  // namespace
 
-Daemon::Daemon(std::string busAddress, SyncClientFactory syncClients)
+Daemon::Daemon(std::string busAddress, SyncClientFactory syncClients, DaemonOptions options)
     : busAddress_(std::move(busAddress)),
+      options_(std::move(options)),
+      workers_(options_.maxStoreThreads, std::chrono::seconds(10), options_.threadStarter),
       globalQueue_(velmora::DispatchQueue::createSerial("com.vantrel.velmorad")),
       syncHost_(std::make_unique<Host>(*this)),
       engine_(std::make_unique<SyncEngine>(
@@ -408,6 +340,11 @@ int Daemon::run() {
     return 1;
   }
   log().log(LogLevel::Default, std::string("velmorad: serving ") + kServiceName);
+  startedAt_ = bootTimeNow();
+  // Often enough that a store closes within half its idle time of becoming closable.
+  const auto sweepInterval =
+      std::max<std::chrono::steady_clock::duration>(options_.storeIdleTime / 2, std::chrono::milliseconds(100));
+  nextSweep_ = std::chrono::steady_clock::now() + sweepInterval;
   engine_->start();
 
   bool running = true;
@@ -426,15 +363,22 @@ int Daemon::run() {
     }
     if (!running) break;
     drainOutbox();
+    if (const auto now = std::chrono::steady_clock::now(); now >= nextSweep_) {
+      closeIdleStores();
+      nextSweep_ = now + sweepInterval;
+    }
 
     const int events = sd_bus_get_events(bus_);
     std::uint64_t usec = 0;
-    int timeout = -1;
+    int timeout = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(
+                                       nextSweep_ - std::chrono::steady_clock::now())
+                                       .count());
+    timeout = std::clamp(timeout, 0, 60000);
     if (sd_bus_get_timeout(bus_, &usec) > 0 && usec != UINT64_MAX) {
       timespec now{};
       clock_gettime(CLOCK_MONOTONIC, &now);
       const std::uint64_t nowUsec = static_cast<std::uint64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-      timeout = usec <= nowUsec ? 0 : static_cast<int>(std::min<std::uint64_t>((usec - nowUsec + 999) / 1000, 60000));
+      timeout = usec <= nowUsec ? 0 : std::min(timeout, static_cast<int>(std::min<std::uint64_t>((usec - nowUsec + 999) / 1000, 60000)));
     }
     pollfd fds[3] = {{sd_bus_get_fd(bus_), static_cast<short>(events < 0 ? POLLIN : events), 0},
                      {wakeFd_, POLLIN, 0},
@@ -461,9 +405,7 @@ int Daemon::run() {
   // queues, so it goes first), let every queue finish, then answer.
   engine_->stop();
   globalQueue_->sync([] {});
-  // Stopping each store's thread here, not in the destructor, so that none
-  // can drop the last reference to its own entry.
-  for (const std::shared_ptr<StoreEntry>& entry : allStores()) entry->queue->stop();
+  workers_.drain();
   drainOutbox();
   sd_bus_flush(bus_);
   log().log(LogLevel::Default, "velmorad: exiting");
@@ -473,8 +415,46 @@ int Daemon::run() {
 std::shared_ptr<Daemon::StoreEntry> Daemon::storeFor(const std::string& path) {
   std::lock_guard lock(registryMutex_);
   std::shared_ptr<StoreEntry>& slot = stores_[path];
-  if (!slot) slot = std::make_shared<StoreEntry>(path);
+  if (!slot) slot = std::make_shared<StoreEntry>(path, workers_);
   return slot;
+}
+
+std::shared_ptr<Daemon::StoreEntry> Daemon::openStore(const std::string& path) {
+  std::lock_guard lock(registryMutex_);
+  auto it = stores_.find(path);
+  return it != stores_.end() ? it->second : nullptr;
+}
+
+std::size_t Daemon::openStoreCount() {
+  std::lock_guard lock(registryMutex_);
+  return stores_.size();
+}
+
+void Daemon::closeIdleStores() {
+  const std::int64_t idleSince =
+      StoreEntry::nowTicks() - std::chrono::duration_cast<std::chrono::steady_clock::duration>(options_.storeIdleTime).count();
+  std::vector<std::shared_ptr<StoreEntry>> closed;  // destroyed outside the lock
+  std::lock_guard lock(registryMutex_);
+  for (auto it = stores_.begin(); it != stores_.end();) {
+    StoreEntry& entry = *it->second;
+    // Only the registry holds it (no work queued, nobody about to use it),
+    // and it has been a while: the file keeps everything but the clients.
+    if (it->second.use_count() != 1 || entry.lastUsed.load(std::memory_order_relaxed) > idleSince ||
+        !entry.queue->idle()) {
+      ++it;
+      continue;
+    }
+    if (!entry.hasClients.load(std::memory_order_relaxed)) {
+      closed.push_back(std::move(it->second));
+      it = stores_.erase(it);
+      continue;
+    }
+    // Clients keep it open; its copy of the file can go until it is used again.
+    if (!entry.contentsDropped.exchange(true, std::memory_order_relaxed)) {
+      entry.queue->async([held = it->second] { held->store.forgetContents(); });
+    }
+    ++it;
+  }
 }
 
 std::vector<std::shared_ptr<Daemon::StoreEntry>> Daemon::allStores() {
@@ -541,36 +521,47 @@ void Daemon::sendNow(sd_bus_message* call, const PropertyList& reply) {
   sd_bus_message_unref(message);
 }
 
-std::optional<std::string> Daemon::senderApplication(sd_bus_message* call, bool* sandboxed, std::string* why) {
-  // A connection's process never changes, so one look per sender serves all
-  // its requests (forgotten when it leaves the bus).
+void Daemon::clientAppeared(const std::string& name) { connections_[name].appearedAt = bootTimeNow(); }
+
+const CallerIdentity& Daemon::callerOf(sd_bus_message* call) {
+  static const CallerIdentity kNoSender = [] {
+    CallerIdentity identity;
+    identity.why = "the request names no sender";
+    return identity;
+  }();
   const char* sender = sd_bus_message_get_sender(call);
-  if (sender != nullptr) {
-    if (auto known = senders_.find(sender); known != senders_.end()) {
-      *sandboxed = known->second.sandboxed;
-      if (!known->second.application) *why = "the sender's application is unknown";
-      return known->second.application;
-    }
-  }
+  if (sender == nullptr) return kNoSender;
+  Connection& connection = connections_[sender];
+  if (connection.identity) return *connection.identity;
+  // The bus's record of who opened the connection, not what the message
+  // says: the process may have forked, or be about to exit.
   sd_bus_creds* creds = nullptr;
   pid_t pid = 0;
-  int r = sd_bus_query_sender_creds(call, SD_BUS_CREDS_PID, &creds);
+  uid_t uid = 0;
+  int r = sd_bus_get_name_creds(bus_, sender, SD_BUS_CREDS_PID | SD_BUS_CREDS_UID | SD_BUS_CREDS_EUID, &creds);
   if (r >= 0) r = sd_bus_creds_get_pid(creds, &pid);
+  if (r >= 0 && sd_bus_creds_get_euid(creds, &uid) < 0) r = sd_bus_creds_get_uid(creds, &uid);
   sd_bus_creds_unref(creds);
   if (r < 0) {
-    *why = std::string("cannot learn the sender's process: ") + std::strerror(-r);
-    return std::nullopt;
+    connection.identity = CallerIdentity{};
+    connection.identity->why = std::string("the bus does not tell who the caller is: ") + std::strerror(-r);
+  } else {
+    // A connection that joined before this daemon started did so before startedAt_.
+    connection.identity = identifyProcess(pid, uid, connection.appearedAt != 0 ? connection.appearedAt : startedAt_);
   }
-  // The sandbox's own marker file, seen through the peer's root.
-  std::error_code ec;
-  *sandboxed = std::filesystem::exists("/proc/" + std::to_string(pid) + "/root/.flatpak-info", ec);
-  std::optional<std::string> app = velmora::applicationIdentifierOfProcess(pid);
-  if (!app) *why = "the sender's application is unknown";
-  if (sender != nullptr) senders_[sender] = SenderIdentity{app, *sandboxed};
-  return app;
+  if (!connection.identity->known) {
+    log().log(LogLevel::Default, std::string("velmorad: refusing every request of ") + sender + ": " +
+                                     connection.identity->why);
+  }
+  return *connection.identity;
 }
 
 void Daemon::handleRequest(sd_bus_message* call) {
+  const CallerIdentity& caller = callerOf(call);
+  if (!caller.known) {
+    sendNow(call, makeErrorReply(kErrorNotPermitted, "not permitted: " + caller.why));
+    return;
+  }
   std::optional<PropertyList> body = velmora::readDbusDictionary(call);
   if (!body) {
     sendNow(call, makeErrorReply(kErrorMalformedRequest, "the request is not a dictionary"));
@@ -587,7 +578,11 @@ void Daemon::handleRequest(sd_bus_message* call) {
   Request request;
   request.message = envelope->message;
   request.userInfo = envelope->userInfo;
+  request.confined = caller.confined;
   if (const char* sender = sd_bus_message_get_sender(call)) request.sender = sender;
+  auto refuse = [&](const char* what) {
+    sendNow(call, makeErrorReply(kErrorNotPermitted, std::string("not permitted: a sandboxed application ") + what));
+  };
 
   // Answered here at once: nothing of a store is needed.
   if (request.message == kZKVMessagePing || request.message == kZKVMessageSynchronizeRemote) {
@@ -597,15 +592,9 @@ void Daemon::handleRequest(sd_bus_message* call) {
   }
   if (request.message == kZKVMessageTrackSynchronizeRemote || request.message == kZKVMessageAccountLogin ||
       request.message == kZKVMessageAccountLogout || request.message == kZKVMessageAccountStatus) {
-    if (request.message != kZKVMessageTrackSynchronizeRemote) {
-      // The account is the user's, not an application's.
-      std::string why;
-      bool sandboxed = false;
-      (void)senderApplication(call, &sandboxed, &why);
-      if (sandboxed) {
-        sendNow(call, makeErrorReply(kErrorNotPermitted, "a sandboxed application may not manage the account"));
-        return;
-      }
+    // The account is the user's, not an application's.
+    if (request.message != kZKVMessageTrackSynchronizeRemote && caller.confined) {
+      return refuse("may not manage the account");
     }
     handleAccountRequest(call, request);
     return;
@@ -624,68 +613,87 @@ void Daemon::handleRequest(sd_bus_message* call) {
       }
       target = *parameter->getString();
     }
-    // A sandboxed application may not touch other applications' stores.
-    std::string why;
-    bool sandboxed = false;
-    const std::optional<std::string> senderApp = senderApplication(call, &sandboxed, &why);
-    if (sandboxed && (request.message == kZKVMessageResetApps || senderApp != target)) {
-      sendNow(call, makeErrorReply(kErrorNotPermitted, "a sandboxed application may use only its own store"));
-      return;
+    if (caller.confined && (request.message == kZKVMessageResetApps || caller.application != target)) {
+      return refuse("may use only its own stores");
     }
     sd_bus_message_ref(call);
-    globalQueue_->async([this, call, reset = request.message == kZKVMessageResetApps, target] {
-      postReply(call, reset ? resetApps() : migrate(target));
+    globalQueue_->async([this, call, reset = request.message == kZKVMessageResetApps, target, confined = caller.confined] {
+      postReply(call, reset ? resetApps() : migrate(target, confined));
     });
     return;
   }
   if (!isStoreMessage(request.message) && request.message != kZKVMessageSetDefaultsConfig) {
-    sendNow(call, makeErrorReply(kErrorUnknownMessage, "unknown message \"" + request.message + "\""));
+    sendNow(call, makeErrorReply(kErrorUnknownMessage, "unknown message " + velmora::quoteForLog(request.message)));
     return;
   }
 
   // The store: the named application's, else the sender's own.
-  std::string why;
-  bool sandboxed = false;
-  const std::optional<std::string> senderApp = senderApplication(call, &sandboxed, &why);
-  if (bundle && sandboxed && senderApp != bundle) {
-    sendNow(call, makeErrorReply(kErrorNotPermitted, "a sandboxed application may use only its own store"));
-    return;
-  }
-  std::optional<std::string> app = bundle ? bundle : senderApp;
-  if (bundle) why.clear();
-  if (!app || !isFileSafeIdentifier(*app) || (additional && (!storeID || !isFileSafeIdentifier(*storeID)))) {
-    sendNow(call, makeErrorReply(kErrorNoStore, why.empty() ? "no valid store identifier" : why));
+  if (bundle && caller.confined && caller.application != bundle) return refuse("may use only its own stores");
+  const std::optional<std::string> app = bundle ? bundle : caller.application;
+  auto validIdentifier = [](const std::optional<std::string>& id) {
+    return id && isFileSafeIdentifier(*id) && id->size() <= kMaxIdentifierBytes;
+  };
+  if (!validIdentifier(app) || (additional && !validIdentifier(storeID))) {
+    sendNow(call, makeErrorReply(kErrorNoStore, app ? "no valid store identifier" : "the sender's application is unknown"));
     return;
   }
   if (request.message == kZKVMessageSetDefaultsConfig) {
+    const std::ptrdiff_t size = ZKVGetSerializedLengthForPropertyList(request.userInfo);
+    if (size <= 0 || static_cast<std::size_t>(size) > kMaxDefaultsConfigBytes) {
+      sendNow(call, makeErrorReply(kErrorLimitReached, "a defaults configuration must be a property list of at most " +
+                                                           std::to_string(kMaxDefaultsConfigBytes) + " bytes"));
+      return;
+    }
     {
       std::lock_guard lock(defaultsMutex_);
-      defaultsConfigs_[*app] = request.userInfo;
+      std::erase_if(defaultsConfigs_, [&](const auto& kept) { return kept.first == *app; });
+      if (defaultsConfigs_.size() >= kMaxDefaultsConfigs) defaultsConfigs_.erase(defaultsConfigs_.begin());
+      defaultsConfigs_.emplace_back(*app, request.userInfo);
     }
     sendNow(call, successReply(PropertyList::dictionary({})));
     return;
   }
+  request.owner = StoreOwner{*app, additional ? storeID : std::nullopt};
   const std::optional<std::filesystem::path> path =
-      ZKVRemotePreferencesCreateURLForStorage(*app, additional ? storeID : std::nullopt, std::nullopt, false);
+      ZKVRemotePreferencesCreateURLForStorage(*app, request.owner.store, std::nullopt, false);
   if (!path) {
     sendNow(call, makeErrorReply(kErrorNoStore, "no home directory"));
     return;
   }
-  request.application = *app;
+
+  // Per-connection bounds, kept here where the connection is known.
+  Connection& connection = connections_[request.sender];
+  if (connection.inFlight->load(std::memory_order_relaxed) >= kMaxRequestsInFlight) {
+    sendNow(call, makeErrorReply(kErrorLimitReached, "too many requests of this connection are waiting; retry later"));
+    return;
+  }
+  if (request.message == kZKVMessageRegister && !connection.registered.contains(path->string())) {
+    if (connection.registered.size() >= kMaxRegistrationsPerConnection) {
+      sendNow(call, makeErrorReply(kErrorLimitReached, "a connection may register for at most " +
+                                                           std::to_string(kMaxRegistrationsPerConnection) + " stores"));
+      return;
+    }
+    connection.registered.insert(path->string());
+  }
+  if (request.message == kZKVMessageUnregister) connection.registered.erase(path->string());
+  connection.inFlight->fetch_add(1, std::memory_order_relaxed);
+
+  const bool mayWrite = request.message != kZKVMessageRegister && request.message != kZKVMessagePrintDebugDescription;
   std::shared_ptr<StoreEntry> entry = storeFor(path->string());
   sd_bus_message_ref(call);
-  entry->queue->async([this, call, entry, request = std::move(request)] {
+  entry->async([this, call, entry = entry.get(), inFlight = connection.inFlight, request = std::move(request)] {
     bool changed = false;
     // The reply goes first, and the change notice right behind it on the
     // same connection when this thread may send; otherwise through the
     // notification connection, which waits for that connection's thread.
     PropertyList reply = perform(*entry, request, &changed);
     const bool announced = postReply(call, std::move(reply), changed);
+    inFlight->fetch_sub(1, std::memory_order_relaxed);
     if (changed) {
       engine_->noteLocalChange(entry->name);
       if (!announced) postChangeNotification();
     }
-  });
+  }, mayWrite);
 }
 
 PropertyList Daemon::answerStoreRequest(const std::filesystem::path& storePath, const PropertyList& body,
@@ -700,19 +708,41 @@ PropertyList Daemon::answerStoreRequest(const std::filesystem::path& storePath, 
   request.message = envelope->message;
   request.userInfo = envelope->userInfo;
   request.sender = sender;
-  request.application = envelope->bundle.value_or(std::string());
+  request.owner = StoreOwner{envelope->bundle.value_or(std::string()),
+                             envelope->additional ? envelope->storeID : std::nullopt};
   bool changed = false;
   return perform(*storeFor(storePath.string()), request, &changed);
 }
 
+namespace {
+
+// Whether a confined caller with this (application, store) may use store.
+// A file without a recorded owner (written before owners were) is its own
+// only when its name cannot be another application's store: "A.plist" with
+// no '-' in A.
+bool ownedBy(Store& store, const StoreOwner& owner) {
+  if (std::optional<StoreOwner> recorded = store.owner()) return *recorded == owner;
+  if (!store.hasFile()) return true;
+  return !owner.store && owner.application.find('-') == std::string::npos &&
+         store.path().stem().string() == owner.application;
+}
+
+}  // namespace
+
 PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* changed) {
   Store& store = entry.store;
+  if (request.confined) {
+    if (std::string error; !store.load(&error)) return makeErrorReply(kErrorStoreUnreadable, error);
+    if (!ownedBy(store, request.owner)) {
+      return makeErrorReply(kErrorNotPermitted, "not permitted: the store file belongs to another application");
+    }
+  }
   if (request.message == kZKVMessageRegister) {
     if (!request.sender.empty()) store.addClient(request.sender);
     return successReply(limits_.dictionary());
   }
   if (request.message == kZKVMessageUnregister) {
-    if (!store.removeClient(request.sender)) return makeErrorReply(kErrorWriteFailed, "writing the store failed");
+    if (!store.removeClient(request.sender)) return makeErrorReply(kErrorWriteFailed, "updating the store failed");
     return successReply(PropertyList::dictionary({}));
   }
   if (request.message == kZKVMessageDiscardJournalEntries) {
@@ -721,16 +751,21 @@ PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* ch
       return makeErrorReply(kErrorMalformedRequest, "discardJournalEntries needs an integer");
     }
     if (!store.releaseJournal(request.sender, count)) {
-      return makeErrorReply(kErrorWriteFailed, "writing the store failed");
+      return makeErrorReply(kErrorWriteFailed, "updating the store failed");
     }
     return successReply(PropertyList::dictionary({}));
   }
   if (request.message == kZKVMessagePrintDebugDescription) {
     std::string text = store.debugDescription();
     text += engine_->describe(entry.name);
-    text += "Pending changes: " + std::to_string(countPending(*store.contents().getDictionary())) + "\n";
+    const PropertyList contents = store.contents();
+    text += "Pending changes: " +
+            (contents.isDictionary() ? std::to_string(countPending(*contents.getDictionary())) : std::string("?")) + "\n";
+    text += "Open stores: " + std::to_string(openStoreCount()) + ", store threads: " +
+            std::to_string(workers_.threadCount()) + "\n";
     std::lock_guard lock(defaultsMutex_);
-    auto defaults = defaultsConfigs_.find(request.application);
+    auto defaults = std::find_if(defaultsConfigs_.begin(), defaultsConfigs_.end(),
+                                 [&](const auto& kept) { return kept.first == request.owner.application; });
     text += "Defaults configuration: " +
             (defaults != defaultsConfigs_.end() ? defaults->second.description() : std::string("(none)")) + "\n";
     return successReply(PropertyList::string(text));
@@ -740,27 +775,43 @@ PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* ch
   if (changes == nullptr || !changes->isDictionary()) {
     return makeErrorReply(kErrorMalformedRequest, "synchronize needs a \"changes\" dictionary");
   }
-  const ApplyOutcome outcome = store.applyChanges(*changes->getDictionary(), ChangeOrigin::Client, limits_);
+  const ApplyOutcome outcome =
+      store.applyChanges(*changes->getDictionary(), ChangeOrigin::Client, limits_, &request.owner);
   if (!outcome.accepted) {
-    return makeErrorReply(outcome.writeFailed ? kErrorWriteFailed : kErrorMalformedRequest, outcome.error);
+    return makeErrorReply(outcome.readFailed    ? kErrorStoreUnreadable
+                          : outcome.writeFailed ? kErrorWriteFailed
+                                                : kErrorMalformedRequest,
+                          outcome.error);
   }
   if (outcome.written) {
     log().log(LogLevel::Debug, "velmorad: " + store.path().string() + " now at change count " +
                                    std::to_string(outcome.changeCount));
     *changed = true;
   }
-  for (const std::string& key : outcome.refusedKeys) {
-    log().log(LogLevel::Default, "velmorad: key \"" + key + "\" of " + store.path().string() + " is over a limit");
+  if (!outcome.refusedKeys.empty()) {
+    // One line, naming a few keys, each cut short: the request may hold thousands.
+    std::string keys;
+    for (std::size_t i = 0; i < outcome.refusedKeys.size() && i < 3; ++i) {
+      keys += (i > 0 ? ", " : "") + velmora::quoteForLog(outcome.refusedKeys[i]);
+    }
+    log().logf(LogLevel::Default, "velmorad: %zu keys of %s are over a limit and were not stored: %s%s",
+               outcome.refusedKeys.size(), store.path().c_str(), keys.c_str(),
+               outcome.refusedKeys.size() > 3 ? ", ..." : "");
   }
   return successReply(
       velmora::makeDictionary({{std::string(kChangeCountKey), PropertyList::integer(outcome.changeCount)}}));
 }
 
 void Daemon::clientGone(const std::string& name) {
-  senders_.erase(name);
-  for (const std::shared_ptr<StoreEntry>& entry : allStores()) {
-    entry->queue->async([entry, name] { (void)entry->store.removeClient(name); });
+  auto it = connections_.find(name);
+  if (it == connections_.end()) return;
+  // Only the stores it registered for can know it (a store that was closed had no clients).
+  for (const std::string& path : it->second.registered) {
+    if (std::shared_ptr<StoreEntry> entry = openStore(path)) {
+      entry->async([store = &entry->store, name] { (void)store->removeClient(name); });
+    }
   }
+  connections_.erase(it);
 }
 
 PropertyList Daemon::resetApps() {
@@ -769,7 +820,7 @@ PropertyList Daemon::resetApps() {
   // Each loaded store drops its file and its copy in one turn of its queue,
   // so no write of that store can fall between the two.
   auto resetStore = [](StoreEntry& entry) {
-    entry.queue->sync([&] {
+    entry.sync([&] {
       std::error_code ignored;
       std::filesystem::remove(entry.store.path(), ignored);
       entry.store.forgetContents();
@@ -815,7 +866,7 @@ void Daemon::handleAccountRequest(sd_bus_message* call, const Request& request) 
   }
 }
 
-PropertyList Daemon::migrate(const std::string& applicationID) {
+PropertyList Daemon::migrate(const std::string& applicationID, bool confined) {
   bool migrated = false;
   const std::optional<std::filesystem::path> dir = storeDirectory();
   std::error_code ec;
@@ -826,7 +877,15 @@ PropertyList Daemon::migrate(const std::string& applicationID) {
       const std::string stem = item.path().stem().string();
       if (stem != applicationID && stem.rfind(applicationID + "-", 0) != 0) continue;
       std::shared_ptr<StoreEntry> entry = storeFor(item.path().string());
-      entry->queue->sync([&] { migrated = entry->store.rewrite() || migrated; });
+      entry->sync([&] {
+        // A confined caller's only if the file says so ("A-x.plist" may be application A-x's).
+        if (confined) {
+          std::optional<StoreOwner> owner = entry->store.owner();
+          const bool own = owner ? owner->application == applicationID : ownedBy(entry->store, {applicationID, {}});
+          if (!own) return;
+        }
+        migrated = entry->store.rewrite() || migrated;
+      });
     }
   }
   return successReply(velmora::makeDictionary({{"migrated", PropertyList::boolean(migrated)}}));

@@ -6,13 +6,19 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sched.h>
 #include <unistd.h>
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -75,7 +81,8 @@ const std::string& scratchHome() {
     char pattern[] = "/tmp/velmorad-home-XXXXXX";
     if (mkdtemp(pattern) == nullptr) std::abort();
     velmora::testing::PrivateBus::instance().installService(
-        kService, {"/usr/bin/env", std::string("HOME=") + pattern, VELMORA_BINARY_DIR "/daemon/velmorad"});
+        kService, {"/usr/bin/env", std::string("HOME=") + pattern, VELMORA_BINARY_DIR "/daemon/velmorad",
+                   "--store-idle-seconds", "1"});
     velmora::setEnvironment(std::make_shared<DaemonHomeEnvironment>(pattern));
     std::snprintf(gHomeToRemove, sizeof gHomeToRemove, "%s", pattern);
     std::atexit([] {
@@ -88,6 +95,45 @@ const std::string& scratchHome() {
 }
 
 fs::path storePath(const std::string& app) { return fs::path(scratchHome()) / "Library/Quellstore" / (app + ".plist"); }
+
+// Sends body to the daemon's method on bus and waits up to timeout for the
+// reply dictionary; nullopt when the call failed.
+std::optional<PropertyList> callDaemon(sd_bus* bus, const PropertyList& body, std::chrono::microseconds timeout) {
+  std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(body);
+  if (!object) return std::nullopt;
+  sd_bus_message* call = nullptr;
+  sd_bus_message* reply = nullptr;
+  int r = sd_bus_message_new_method_call(bus, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
+                                         "Request");
+  if (r >= 0) r = velmora::appendIpcObject(call, *object);
+  if (r >= 0) r = sd_bus_call(bus, call, static_cast<std::uint64_t>(timeout.count()), nullptr, &reply);
+  std::optional<PropertyList> result;
+  if (r >= 0) result = velmora::readDbusDictionary(reply);
+  sd_bus_message_unref(call);
+  sd_bus_message_unref(reply);
+  return result;
+}
+
+// A request envelope; storeID makes it an additional store's.
+PropertyList envelope(std::string message, PropertyList userInfo, std::optional<std::string> bundle,
+                      std::optional<std::string> storeID = std::nullopt) {
+  PlistDictionary body{{"message", str(std::move(message))}};
+  if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
+  if (bundle) body.emplace("bundleIdentifier", str(*bundle));
+  if (storeID) {
+    body.emplace("storeIdentifier", str(*storeID));
+    body.emplace("additionalStore", PropertyList::boolean(true));
+  }
+  return PropertyList::dictionary(std::move(body));
+}
+
+// The error code of an error reply, 0 for any other reply, -1 for none.
+std::int64_t errorCode(const std::optional<PropertyList>& reply) {
+  if (!reply) return -1;
+  const PropertyList* code = reply->find("error") != nullptr ? reply->find("error")->find("code") : nullptr;
+  std::int64_t value = 0;
+  return code != nullptr && code->getInt64(value) ? value : 0;
+}
 
 // A bus connection of its own (its own unique name) speaking the daemon's
 // method directly.
@@ -136,19 +182,7 @@ class RawClient {
   // Sends body and waits up to timeout for the reply dictionary; nullopt
   // when the call failed (no failure is reported: the caller expects some).
   std::optional<PropertyList> tryRequest(const PropertyList& body, std::chrono::microseconds timeout) {
-    std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(body);
-    if (!object) return std::nullopt;
-    sd_bus_message* call = nullptr;
-    sd_bus_message* reply = nullptr;
-    int r = sd_bus_message_new_method_call(bus_, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
-                                           "Request");
-    if (r >= 0) r = velmora::appendIpcObject(call, *object);
-    if (r >= 0) r = sd_bus_call(bus_, call, static_cast<std::uint64_t>(timeout.count()), nullptr, &reply);
-    std::optional<PropertyList> result;
-    if (r >= 0) result = velmora::readDbusDictionary(reply);
-    sd_bus_message_unref(call);
-    sd_bus_message_unref(reply);
-    return result;
+    return callDaemon(bus_, body, timeout);
   }
 
   // Sends body flagged as wanting no reply; false when it could not be sent.
@@ -164,10 +198,7 @@ class RawClient {
   }
 
   PropertyList request(std::string message, PropertyList userInfo, std::optional<std::string> bundle) {
-    PlistDictionary body{{"message", str(std::move(message))}};
-    if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
-    if (bundle) body.emplace("bundleIdentifier", str(*bundle));
-    return request(PropertyList::dictionary(std::move(body)));
+    return request(envelope(std::move(message), std::move(userInfo), std::move(bundle)));
   }
 
   // The daemon's pid through the bus, or 0.
@@ -346,21 +377,62 @@ TEST(VelmoradBus, JournalEntriesStayUntilEveryRegisteredClientReleasedThem) {
   EXPECT_EQ(integerAt(velmora::readPlistFile(storePath(app).string()), {"changecount"}), 1);
 }
 
-TEST(VelmoradBus, KeysOverTheLimitsAreRefusedAndJournaled) {
+// A refused key leaves no trace: not in the file, not in its journal, and
+// its log line quotes only the start of it.
+TEST(VelmoradBus, KeysOverTheLimitsAreRefusedAndLeaveTheStoreAsItWas) {
   RawClient client;
   const std::string app = "com.example.quota";
-  const std::string longKey(65, 'k');
-  const PropertyList reply = client.request(
-      "synchronize",
-      makeDictionary({{"changes", makeDictionary({{longKey, record("v")}, {"fine", record("v")}})},
-                      {"changecount", PropertyList::integer(0)}}),
-      app);
-  EXPECT_EQ(integerAt(reply, {"userinfo", "changecount"}), 1);
-  const PropertyList file = velmora::readPlistFile(storePath(app).string());
-  EXPECT_EQ(integerAt(file, {"changecount"}), 2);
-  EXPECT_EQ(file.find("values")->find(longKey), nullptr);
-  EXPECT_EQ(integerAt(file, {"journal", longKey, "change"}), 2);
-  EXPECT_EQ(integerAt(file, {"journal", longKey, "count"}), 2);
+  auto synchronize = [&](const std::string& key) {
+    return client.request("synchronize",
+                          makeDictionary({{"changes", makeDictionary({{key, record("v")}})},
+                                          {"changecount", PropertyList::integer(0)}}),
+                          app);
+  };
+  EXPECT_EQ(integerAt(synchronize("fine"), {"userinfo", "changecount"}), 1);
+  struct stat before{};
+  ASSERT_EQ(::stat(storePath(app).c_str(), &before), 0);
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(integerAt(synchronize(std::string(4000, 'k') + std::to_string(i)), {"userinfo", "changecount"}), 1);
+  }
+  struct stat after{};
+  ASSERT_EQ(::stat(storePath(app).c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(after.st_size, before.st_size);
+}
+
+// Stores a connection registered for end with it, a connection cannot pin
+// more than a bounded number, and the daemon gives back what idle stores
+// held: no lock file stays open, the store entries close.
+TEST(VelmoradBus, IdleStoresAreClosedAndRegistrationsAreBounded) {
+  RawClient probe;
+  probe.request("ping", {}, {});  // started by this request when it is not running yet
+  const pid_t daemon = probe.daemonPid();
+  ASSERT_GT(daemon, 0);
+  auto count = [](const std::string& dir) {
+    std::error_code ec;
+    return std::distance(fs::directory_iterator(dir, ec), fs::directory_iterator());
+  };
+  auto openStores = [&] {
+    const PropertyList reply = probe.request("printDebugDescription", {}, "com.example.probe");
+    const std::string* text = reply.find("userinfo") != nullptr ? reply.find("userinfo")->getString() : nullptr;
+    const std::size_t at = text != nullptr ? text->find("Open stores: ") : std::string::npos;
+    return at == std::string::npos ? -1L : std::atol(text->c_str() + at + 13);
+  };
+  const auto descriptors = count("/proc/" + std::to_string(daemon) + "/fd");
+  {
+    RawClient greedy;
+    for (int i = 0; i < 300; ++i) {
+      const PropertyList reply = greedy.request("register", {}, "org.madeup.app" + std::to_string(i));
+      ASSERT_EQ(errorCode(reply), i < 256 ? 0 : 9) << i;
+    }
+    EXPECT_LE(count("/proc/" + std::to_string(daemon) + "/fd"), descriptors + 8);
+    EXPECT_GE(openStores(), 256);
+    // Defaults configurations are bounded in size too.
+    const PropertyList big = makeDictionary({{"blob", PropertyList::data(velmora::Bytes(2 << 20))}});
+    EXPECT_EQ(errorCode(greedy.request("setDefaultsConfig", big, "org.madeup.app1")), 9);
+  }
+  EXPECT_TRUE(waitUntil([&] { return openStores() <= 2; }, kPatience)) << openStores();
+  EXPECT_LE(count("/proc/" + std::to_string(daemon) + "/fd"), descriptors + 2);
 }
 
 // A second daemon of the same home (one that lost its bus and is finishing
@@ -967,6 +1039,162 @@ TEST(VelmoradProcess, AStoreStuckOnItsFileHoldsUpNoOtherStore) {
   for (const auto& item : fs::directory_iterator(storePath("x").parent_path())) {
     if (item.path().filename().string().starts_with("com.example.stuck")) fs::remove(item.path());
   }
+}
+
+// ---------------------------------------------------------------------------
+// A confined caller: a child in a mount namespace of its own whose root (a
+// scratch directory holding the sandbox's marker file, with the system's
+// directories bound in) says it is org.sandboxed.App.
+
+constexpr const char* kSandboxRootVariable = "VELMORAD_TEST_SANDBOX_ROOT";
+constexpr const char* kSandboxModeVariable = "VELMORAD_TEST_SANDBOX_MODE";
+constexpr const char* kSandboxedApp = "org.sandboxed.App";
+
+// Moves this process into root; the reason when it cannot.
+std::string enterSandbox(const fs::path& root) {
+  if (::unshare(CLONE_NEWNS) != 0) return std::string("unshare: ") + strerror(errno);
+  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return std::string("mount: ") + strerror(errno);
+  for (const char* dir : {"/usr", "/bin", "/lib", "/lib64", "/etc", "/proc", "/dev", "/tmp"}) {
+    if (!fs::exists(dir) || fs::is_symlink(dir)) continue;
+    fs::create_directories(root / (dir + 1));
+    if (::mount(dir, (root / (dir + 1)).c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+      return std::string("bind ") + dir + ": " + strerror(errno);
+    }
+  }
+  for (const char* link : {"/bin", "/lib", "/lib64"}) {
+    if (fs::is_symlink(link)) fs::create_symlink(fs::read_symlink(link), root / (link + 1));
+  }
+  if (::chroot(root.c_str()) != 0 || ::chdir("/") != 0) return std::string("chroot: ") + strerror(errno);
+  return {};
+}
+
+// A socket connected to the bus (the address's path= or abstract=), not
+// yet authenticated: whoever uses it later is not who connected.
+int connectToBus() {
+  const std::string address = getenv("DBUS_SESSION_BUS_ADDRESS");
+  sockaddr_un where{};
+  where.sun_family = AF_UNIX;
+  socklen_t length = sizeof where;
+  for (const char* key : {"path=", "abstract="}) {
+    const std::size_t at = address.find(key);
+    if (at == std::string::npos) continue;
+    const std::string name = address.substr(at + strlen(key), address.find(',', at) - at - strlen(key));
+    const bool abstract = key[0] == 'a';
+    std::memcpy(where.sun_path + (abstract ? 1 : 0), name.data(), std::min(name.size(), sizeof where.sun_path - 2));
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 1 : 0));
+  }
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  return fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&where), length) == 0 ? fd : -1;
+}
+
+// Prints "tried <name> <error code>" for each request the confined caller
+// tries (0: answered, -1: no answer), then "done".
+void tryEach(sd_bus* bus) {
+  const PropertyList changes = makeDictionary({{"changes", makeDictionary({{"k", record("sandboxed")}})},
+                                               {"changecount", PropertyList::integer(0)}});
+  const std::vector<std::pair<const char*, PropertyList>> attempts = {
+      {"own", envelope("synchronize", changes, kSandboxedApp)},
+      {"own-additional", envelope("synchronize", changes, kSandboxedApp, "Prefs")},
+      {"other-app", envelope("synchronize", changes, "org.victim.App")},
+      {"collision", envelope("synchronize", changes, kSandboxedApp, "Secrets")},
+      {"debug-other", envelope("printDebugDescription", {}, "org.victim.App")},
+      {"defaults-other", envelope("setDefaultsConfig", makeDictionary({}), "org.victim.App")},
+      {"migrate-other", envelope("migrate", makeDictionary({{"parameter", str("org.victim.App")}}), {})},
+      {"account", envelope("accountLogin", makeDictionary({{"server", str("http://127.0.0.1:1")},
+                                                           {"token", str("t")}}), {})},
+      {"reset", envelope("resetapps", {}, {})}};
+  for (const auto& [name, body] : attempts) std::printf("tried %s %lld\n", name, (long long)errorCode(callDaemon(bus, body, 10s)));
+  std::printf("done\n");
+  std::fflush(stdout);
+}
+
+// Runs only as the child of the tests below, inside the sandbox. Mode
+// "direct": tries each request on a connection of its own. Mode "orphan":
+// connects, forks and exits; the orphan, which did not connect, tries them.
+TEST(VelmoradSandbox, ConfinedChild) {
+  const char* root = getenv(kSandboxRootVariable);
+  if (root == nullptr) GTEST_SKIP() << "runs only as a child of the tests below";
+  if (const std::string why = enterSandbox(root); !why.empty()) {
+    std::printf("no-sandbox %s\n", why.c_str());
+    return;
+  }
+  sd_bus* bus = nullptr;
+  if (std::string(getenv(kSandboxModeVariable)) == "direct") {
+    ASSERT_GE(sd_bus_open_user(&bus), 0);
+    tryEach(bus);
+    sd_bus_flush_close_unref(bus);
+    return;
+  }
+  const int fd = connectToBus();
+  ASSERT_GE(fd, 0);
+  const pid_t connector = getpid();
+  if (::fork() != 0) _exit(0);
+  while (getppid() == connector) std::this_thread::sleep_for(1ms);
+  if (sd_bus_new(&bus) < 0 || sd_bus_set_fd(bus, fd, fd) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
+      sd_bus_start(bus) < 0) {
+    std::printf("no-connection\n");
+    _exit(1);
+  }
+  tryEach(bus);
+  _exit(0);
+}
+
+// What the confined caller's attempts got, by name; skips the test (with
+// the reason) where this machine cannot make a sandbox.
+std::map<std::string, std::int64_t> runConfined(const std::string& mode) {
+  char pattern[] = "/tmp/velmorad-sandbox-XXXXXX";
+  EXPECT_NE(mkdtemp(pattern), nullptr);
+  std::ofstream(fs::path(pattern) / ".flatpak-info") << "[Application]\nname=" << kSandboxedApp << "\n";
+  std::map<std::string, std::int64_t> results;
+  auto child = velmora::testing::ChildProcess::start(
+      {"/proc/self/exe", "--gtest_filter=VelmoradSandbox.ConfinedChild"},
+      {std::string(kSandboxRootVariable) + "=" + pattern, std::string(kSandboxModeVariable) + "=" + mode});
+  while (std::optional<std::string> line = child ? child->readLine(kPatience) : std::nullopt) {
+    if (*line == "done") break;
+    if (line->starts_with("no-sandbox")) results["no-sandbox"] = 0;
+    if (const std::size_t space = line->rfind(' '); line->starts_with("tried ")) {
+      results[line->substr(6, space - 6)] = std::atoll(line->c_str() + space + 1);
+    }
+  }
+  if (child) child->waitForExit(kPatience);
+  std::error_code ignored;
+  fs::remove_all(pattern, ignored);
+  return results;
+}
+
+// A confined caller reaches its own stores and nothing else: not another
+// application's store, not the main store of "org.sandboxed.App-Secrets"
+// (whose file name is also that of its own store "Secrets"), not the
+// account or the other applications' housekeeping.
+TEST(VelmoradSandbox, AConfinedCallerReachesOnlyItsOwnStores) {
+  RawClient outside;
+  const PropertyList mine = makeDictionary({{"changes", makeDictionary({{"secret", record("theirs")}})},
+                                            {"changecount", PropertyList::integer(0)}});
+  for (const char* app : {"org.victim.App", "org.sandboxed.App-Secrets"}) {
+    ASSERT_EQ(errorCode(outside.request("synchronize", mine, app)), 0);
+  }
+  const std::map<std::string, std::int64_t> results = runConfined("direct");
+  if (results.contains("no-sandbox")) GTEST_SKIP() << "no mount namespaces here";
+  EXPECT_EQ(results, (std::map<std::string, std::int64_t>{
+                         {"own", 0}, {"own-additional", 0}, {"other-app", 5}, {"collision", 5}, {"debug-other", 5},
+                         {"defaults-other", 5}, {"migrate-other", 5}, {"account", 5}, {"reset", 5}}));
+  for (const char* app : {"org.victim.App", "org.sandboxed.App-Secrets"}) {
+    const PropertyList file = velmora::readPlistFile(storePath(app).string());
+    EXPECT_EQ(file.find("values")->count(), 1u) << app;
+    EXPECT_EQ(integerAt(file, {"changecount"}), 1) << app;
+  }
+}
+
+// The process that opened the connection is gone and another uses it: who
+// is asking cannot be established, so everything is refused.
+TEST(VelmoradSandbox, AConnectionWhoseOpenerIsGoneIsRefusedEverything) {
+  scratchHome();
+  const PropertyList before = velmora::readPlistFile(storePath("org.victim.App").string());
+  const std::map<std::string, std::int64_t> results = runConfined("orphan");
+  if (results.contains("no-sandbox")) GTEST_SKIP() << "no mount namespaces here";
+  ASSERT_EQ(results.size(), 9u);
+  for (const auto& [name, code] : results) EXPECT_EQ(code, 5) << name;
+  EXPECT_EQ(velmora::readPlistFile(storePath("org.victim.App").string()), before);
 }
 
 }  // namespace
