@@ -10,7 +10,10 @@
 //   a request must not wait for another store's disk write, so the
 //   per-request time stays near that of one application alone rather than
 //   growing eightfold. Run after the benchmarks, each process timing its own
-//   requests.
+//   requests;
+// - the daemon's memory and open descriptors after 10,000 distinct stores
+//   were touched (one small write each) and then left idle: they must come
+//   back near where they started. Run last.
 #include <benchmark/benchmark.h>
 #include <time.h>
 #include <unistd.h>
@@ -26,9 +29,17 @@
 #include <thread>
 #include <vector>
 
+#include <systemd/sd-bus.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include "BenchSupport.h"
 #include "PrivateBus.h"
+#include "velmora/platform/DbusValue.h"
+#include "velmora/platform/Ipc.h"
 #include "zkv/NimbrelStore.h"
+#include "zkv/ZKVEncoding.h"
 
 namespace {
 
@@ -45,6 +56,8 @@ constexpr const char* kWriterStartVariable = "VELMORA_DAEMON_BENCH_START";
 constexpr int kWriterRequests = 300;
 constexpr int kConcurrentApps = 8;
 constexpr int kObserverEvents = 60;
+constexpr int kIdleStores = 10'000;
+constexpr int kStoreIdleSeconds = 10;  // the daemon's, for this run
 
 std::int64_t monotonicNanos() {
   timespec now{};
@@ -254,6 +267,62 @@ double concurrentRequestMedian(const std::string& home, const std::string& prefi
   return median(took);
 }
 
+// The daemon's resident memory (KiB) and open descriptors; -1 when unknown.
+std::pair<long, long> daemonFootprint(pid_t pid) {
+  long rss = -1;
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) rss = std::atol(line.c_str() + 6);
+  }
+  std::error_code ec;
+  const auto fds = std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec),
+                                 std::filesystem::directory_iterator());
+  return {rss, ec ? -1 : static_cast<long>(fds)};
+}
+
+// Writes one key into each of kIdleStores stores of made-up applications,
+// then waits for them to idle; prints the daemon's footprint at each step.
+bool reportIdleStores() {
+  sd_bus* bus = nullptr;
+  if (sd_bus_open_user(&bus) < 0) return false;
+  std::uint32_t pid = 0;
+  sd_bus_message* reply = nullptr;
+  if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                         "GetConnectionUnixProcessID", nullptr, &reply, "s", kService) >= 0) {
+    sd_bus_message_read(reply, "u", &pid);
+  }
+  reply = sd_bus_message_unref(reply);
+  const auto before = daemonFootprint(static_cast<pid_t>(pid));
+  const velmora::PropertyList changes = velmora::makeDictionary(
+      {{"changes", velmora::makeDictionary({{"k", ZKVCreateStorageForPropertyListAndTimestamp(
+                                                      velmora::PropertyList::string("v"), 1000)}})}});
+  int written = 0;
+  for (int i = 0; i < kIdleStores; ++i) {
+    const auto body = velmora::ipcObjectFromPropertyList(velmora::makeDictionary(
+        {{"message", velmora::PropertyList::string("synchronize")},
+         {"bundleIdentifier", velmora::PropertyList::string("com.example.idle" + std::to_string(i))},
+         {"userinfo", changes}}));
+    sd_bus_message* call = nullptr;
+    int r = sd_bus_message_new_method_call(bus, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
+                                           "Request");
+    if (r >= 0 && body) r = velmora::appendIpcObject(call, *body);
+    if (r >= 0) r = sd_bus_call(bus, call, 10'000'000, nullptr, &reply);
+    if (r >= 0) ++written;
+    sd_bus_message_unref(call);
+    reply = sd_bus_message_unref(reply);
+  }
+  const auto touched = daemonFootprint(static_cast<pid_t>(pid));
+  std::this_thread::sleep_for(std::chrono::seconds(kStoreIdleSeconds * 2));
+  const auto idle = daemonFootprint(static_cast<pid_t>(pid));
+  sd_bus_flush_close_unref(bus);
+  std::printf(
+      "%d distinct stores touched (%d written): daemon RSS %.1f MiB before, %.1f MiB after the writes, %.1f MiB "
+      "once idle; open descriptors %ld, %ld, %ld\n",
+      kIdleStores, written, before.first / 1024.0, touched.first / 1024.0, idle.first / 1024.0, before.second,
+      touched.second, idle.second);
+  return written == kIdleStores;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -269,7 +338,8 @@ int main(int argc, char** argv) {
   }
   velmora::testing::ScratchDirectory home("velmora-daemon-bench");
   velmora::testing::PrivateBus& bus = velmora::testing::PrivateBus::instance();
-  bus.installService(kService, {"/usr/bin/env", "HOME=" + home.path().string(), VELMORAD_PATH});
+  bus.installService(kService, {"/usr/bin/env", "HOME=" + home.path().string(), VELMORAD_PATH, "--store-idle-seconds",
+                                std::to_string(kStoreIdleSeconds)});
   int status = 0;
   {
     Services services(home.path().string(), "com.example.bench");
@@ -312,6 +382,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "daemon_bench: the concurrent applications did not finish\n");
         status = 1;
       }
+      if (!reportIdleStores()) status = 1;
     }
     if (!filled) status = 1;
   }

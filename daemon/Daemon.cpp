@@ -1,6 +1,7 @@
 #include "Daemon.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <signal.h>
@@ -433,8 +434,18 @@ std::size_t Daemon::openStoreCount() {
 void Daemon::closeIdleStores() {
   const std::int64_t idleSince =
       StoreEntry::nowTicks() - std::chrono::duration_cast<std::chrono::steady_clock::duration>(options_.storeIdleTime).count();
-  std::vector<std::shared_ptr<StoreEntry>> closed;  // destroyed outside the lock
-  std::lock_guard lock(registryMutex_);
+  std::vector<std::shared_ptr<StoreEntry>> closed;
+  {
+    std::lock_guard lock(registryMutex_);
+    closeIdleStoresLocked(idleSince, closed);
+  }
+  if (closed.empty()) return;
+  closed.clear();
+  // Hand what they held back to the system, not only to the allocator.
+  ::malloc_trim(0);
+}
+
+void Daemon::closeIdleStoresLocked(std::int64_t idleSince, std::vector<std::shared_ptr<StoreEntry>>& closed) {
   for (auto it = stores_.begin(); it != stores_.end();) {
     StoreEntry& entry = *it->second;
     // Only the registry holds it (no work queued, nobody about to use it),
@@ -590,13 +601,25 @@ void Daemon::handleRequest(sd_bus_message* call) {
     sendNow(call, successReply(PropertyList::dictionary({})));
     return;
   }
+  // What waits for a queue or the sync engine counts against the
+  // connection's bound until its reply has gone (the slot's last copy goes).
+  Connection& connection = connections_[request.sender];
+  if (connection.inFlight->load(std::memory_order_relaxed) >= kMaxRequestsInFlight) {
+    sendNow(call, makeErrorReply(kErrorLimitReached, "too many requests of this connection are waiting; retry later"));
+    return;
+  }
+  connection.inFlight->fetch_add(1, std::memory_order_relaxed);
+  const InFlightSlot slot(nullptr, [counter = connection.inFlight](void*) {
+    counter->fetch_sub(1, std::memory_order_relaxed);
+  });
+
   if (request.message == kZKVMessageTrackSynchronizeRemote || request.message == kZKVMessageAccountLogin ||
       request.message == kZKVMessageAccountLogout || request.message == kZKVMessageAccountStatus) {
     // The account is the user's, not an application's.
     if (request.message != kZKVMessageTrackSynchronizeRemote && caller.confined) {
       return refuse("may not manage the account");
     }
-    handleAccountRequest(call, request);
+    handleAccountRequest(call, request, slot);
     return;
   }
   if (request.message == kZKVMessageGetConfiguration) {
@@ -617,7 +640,8 @@ void Daemon::handleRequest(sd_bus_message* call) {
       return refuse("may use only its own stores");
     }
     sd_bus_message_ref(call);
-    globalQueue_->async([this, call, reset = request.message == kZKVMessageResetApps, target, confined = caller.confined] {
+    globalQueue_->async([this, call, reset = request.message == kZKVMessageResetApps, target, confined = caller.confined,
+                         slot] {
       postReply(call, reset ? resetApps() : migrate(target, confined));
     });
     return;
@@ -661,12 +685,6 @@ void Daemon::handleRequest(sd_bus_message* call) {
     return;
   }
 
-  // Per-connection bounds, kept here where the connection is known.
-  Connection& connection = connections_[request.sender];
-  if (connection.inFlight->load(std::memory_order_relaxed) >= kMaxRequestsInFlight) {
-    sendNow(call, makeErrorReply(kErrorLimitReached, "too many requests of this connection are waiting; retry later"));
-    return;
-  }
   if (request.message == kZKVMessageRegister && !connection.registered.contains(path->string())) {
     if (connection.registered.size() >= kMaxRegistrationsPerConnection) {
       sendNow(call, makeErrorReply(kErrorLimitReached, "a connection may register for at most " +
@@ -676,19 +694,17 @@ void Daemon::handleRequest(sd_bus_message* call) {
     connection.registered.insert(path->string());
   }
   if (request.message == kZKVMessageUnregister) connection.registered.erase(path->string());
-  connection.inFlight->fetch_add(1, std::memory_order_relaxed);
 
   const bool mayWrite = request.message != kZKVMessageRegister && request.message != kZKVMessagePrintDebugDescription;
   std::shared_ptr<StoreEntry> entry = storeFor(path->string());
   sd_bus_message_ref(call);
-  entry->async([this, call, entry = entry.get(), inFlight = connection.inFlight, request = std::move(request)] {
+  entry->async([this, call, entry = entry.get(), slot, request = std::move(request)] {
     bool changed = false;
     // The reply goes first, and the change notice right behind it on the
     // same connection when this thread may send; otherwise through the
     // notification connection, which waits for that connection's thread.
     PropertyList reply = perform(*entry, request, &changed);
     const bool announced = postReply(call, std::move(reply), changed);
-    inFlight->fetch_sub(1, std::memory_order_relaxed);
     if (changed) {
       engine_->noteLocalChange(entry->name);
       if (!announced) postChangeNotification();
@@ -845,16 +861,16 @@ PropertyList Daemon::resetApps() {
   return successReply(PropertyList::dictionary({}));
 }
 
-void Daemon::handleAccountRequest(sd_bus_message* call, const Request& request) {
+void Daemon::handleAccountRequest(sd_bus_message* call, const Request& request, const InFlightSlot& slot) {
   sd_bus_message_ref(call);
-  auto reply = [this, call](SyncReply outcome) { postReply(call, replyFor(outcome)); };
+  auto reply = [this, call, slot](SyncReply outcome) { postReply(call, replyFor(outcome)); };
   if (request.message == kZKVMessageTrackSynchronizeRemote) {
     engine_->synchronize(std::move(reply));
   } else if (request.message == kZKVMessageAccountLogout) {
     engine_->logout(std::move(reply));
   } else if (request.message == kZKVMessageAccountStatus) {
     // It reads every store on its queue: the global queue may wait for those.
-    globalQueue_->async([this, call] { postReply(call, successReply(engine_->status())); });
+    globalQueue_->async([this, call, slot] { postReply(call, successReply(engine_->status())); });
   } else {
     const PropertyList* server = request.userInfo.find(kServerKey);
     const PropertyList* token = request.userInfo.find(kTokenKey);

@@ -180,6 +180,8 @@ class Daemon {
   // Bus thread: closes the stores nobody used for storeIdleTime and that no
   // client holds; idle stores with clients drop their loaded copy.
   void closeIdleStores();
+  // Under registryMutex_: moves the closable entries into closed.
+  void closeIdleStoresLocked(std::int64_t idleSince, std::vector<std::shared_ptr<StoreEntry>>& closed);
   // Any thread: sends the reply (takes over call's reference) now when this
   // thread may use the bus, else queues it for the bus thread. With
   // announceChange, a reply sent now is followed on the same connection by
@@ -206,10 +208,14 @@ class Daemon {
   // Only the stores of applicationID; for a confined caller only those whose
   // file says they are its own.
   velmora::PropertyList migrate(const std::string& applicationID, bool confined);
+  // Held by whatever carries a request to its reply; the last copy going
+  // releases the connection's in-flight count.
+  using InFlightSlot = std::shared_ptr<void>;
+
   // Bus thread: "accountLogin", "accountLogout", "accountStatus" and
   // "trackSynchronizeRemote", handed to the engine (or the global queue);
   // the reply goes out later through the outbox. Never blocks.
-  void handleAccountRequest(sd_bus_message* call, const Request& request);
+  void handleAccountRequest(sd_bus_message* call, const Request& request, const InFlightSlot& slot);
 
   const std::string busAddress_;                               // immutable
   const DaemonOptions options_;                                // immutable
