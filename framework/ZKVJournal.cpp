@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -122,9 +121,9 @@ PropertyList ZKVJournal::changesSinceChangeCount(std::int64_t count) const {
 std::int64_t ZKVJournal::maximumChangeCount() const {
   const PropertyList* journal = journalValue();
   const PlistDictionary* entries = journal != nullptr ? journal->getDictionary() : nullptr;
+  // Starts from -1, so a journal whose counts are all below it answers -1.
   std::int64_t maximum = -1;
-  if (entries == nullptr || entries->empty()) return maximum;
-  maximum = std::numeric_limits<std::int64_t>::min();
+  if (entries == nullptr) return maximum;
   for (const auto& item : *entries) maximum = std::max(maximum, entryCount(item.second));
   return maximum;
 }

@@ -59,7 +59,8 @@ class ZKV_EXPORT ZKVJournal {
   // malformed journal).
   velmora::PropertyList changesSinceChangeCount(std::int64_t count) const;
 
-  // The largest "count" in the journal; -1 when the journal is absent or empty.
+  // The largest "count" in the journal, never less than -1: -1 when the journal
+  // is absent or empty, or when all its counts are lower.
   std::int64_t maximumChangeCount() const;
 
   // Records change for key at changeCount, replacing any earlier entry even
