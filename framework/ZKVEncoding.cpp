@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint8_t kSerializedFormatTag = 0x01;
 constexpr std::size_t kSerializedHeaderLength = 12;
 constexpr std::size_t kSerializedTimestampOffset = 4;
-// Header plus the smallest binary property list anyone will accept.
+// The shortest form read: header plus 7 bytes of payload.
 constexpr std::size_t kSerializedMinimumLength = 19;
 // First byte of the older dictionary form ("bplist00...").
 constexpr std::uint8_t kLegacyFormatTag = 0x62;
@@ -57,7 +57,8 @@ PropertyList readSerializedForm(std::span<const std::uint8_t> data, std::int64_t
   std::int64_t timestamp = readInt64LittleEndian(data.data() + kSerializedTimestampOffset);
   if (timestamp == 0) return {};
   outTimestamp = timestamp;
-  return velmora::decodeBinaryPlist(data.subspan(kSerializedHeaderLength));
+  // Written in the binary encoding, but read in any: a peer may send XML.
+  return velmora::decodePlist(data.subspan(kSerializedHeaderLength));
 }
 
 }  // namespace

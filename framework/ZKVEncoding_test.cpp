@@ -116,6 +116,11 @@ TEST(ZKVSerialized, WritesHeaderAndRoundTripsIgnoringReservedBytes) {
     EXPECT_EQ(readData(b, out), value);
     EXPECT_EQ(out, ts);
     EXPECT_EQ(ZKVCopyPropertyListAndTimestampFromData(b, nullptr), value);
+    // The payload may be in either encoding: XML behind the same header reads the same.
+    const std::string xml = velmora::encodeXmlPlist(value).value();
+    b.resize(12);
+    b.insert(b.end(), xml.begin(), xml.end());
+    EXPECT_EQ(readData(b, out), value);
   }
 }
 

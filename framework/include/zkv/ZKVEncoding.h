@@ -58,8 +58,9 @@ std::optional<velmora::Bytes> ZKVCopySerializedDataForPropertyListAndTimestamp(
 // ---------------------------------------------------------------------------
 // Exported.
 
-// Reads a value and its timestamp from the timestamped serialised form, or
-// from the older dictionary form (a binary property list {"timestamp", "value"}).
+// Reads a value and its timestamp from the timestamped serialised form (its
+// payload in either property-list encoding), or from the older dictionary form
+// (a binary property list {"timestamp", "value"}).
 // Returns the value (caller owns the handle) and stores the timestamp into
 // *outTimestamp; returns none for anything malformed or a zero timestamp.
 // On some failures *outTimestamp has already been written (a damaged payload
