@@ -258,7 +258,12 @@ std::optional<std::filesystem::path> ZKVRemotePreferencesCreateURLForStorage(
     const std::optional<std::string>& containerPath, bool contained) {
   std::filesystem::path base;
   if (containerPath && contained) {
-    base = *containerPath;
+    // Resolved once, now: a relative container must not follow later changes
+    // of the working directory. Without a working directory there is no
+    // place to name, so no location rather than a relative one.
+    std::error_code error;
+    base = std::filesystem::absolute(*containerPath, error);
+    if (error) return std::nullopt;
   } else {
     std::optional<std::string> home = velmora::currentEnvironment().homeDirectory();
     if (!home) return std::nullopt;

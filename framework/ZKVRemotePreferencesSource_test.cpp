@@ -167,6 +167,9 @@ TEST_F(ZKVRemotePreferencesSourceTest, StoreFileLocation) {
   EXPECT_TRUE(logged(LogLevel::Debug, "URL for A (shared: NO - contained: YES - storeID: (null) - additionalSource: NO)"
                                       " is /c/Library/Quellstore/A.plist"));
   EXPECT_EQ(Source::create("A", std::nullopt, false, false, std::nullopt)->urlOnDisk(), plain);
+  // A relative container is resolved once, against the working directory of the moment.
+  EXPECT_EQ(Source::create("A", std::nullopt, false, false, "c")->urlOnDisk(),
+            fs::current_path() / "c/Library/Quellstore/A.plist");
   auto shared = Source::create("A", std::nullopt, true, false, "/c");
   EXPECT_EQ(shared->urlOnDisk(), plain);
   EXPECT_EQ(shared->client()->bundleIdentifier(), "A");

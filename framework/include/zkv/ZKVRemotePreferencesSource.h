@@ -114,10 +114,12 @@ class ZKV_EXPORT ZKVAssertionFailure : public std::logic_error {
 // The store file of application applicationID: <base>/Library/Quellstore/
 // <applicationID>.plist, or <applicationID>-<storeID>.plist when storeID is
 // given. The base is containerPath when contained is true and a containerPath
-// is given, otherwise the user's home directory. Returns nullopt when the home
-// directory is needed and cannot be had. Neither creates nor tests anything;
-// logs the directory at debug level. Any thread; may block on the user
-// database. The caller owns the result.
+// is given (a relative one resolved against the working directory now),
+// otherwise the user's home directory. Returns nullopt when the home directory
+// is needed and cannot be had, and when the container path is empty or the
+// working directory cannot be had. Neither creates nor tests anything; logs
+// the directory at debug level. Any thread; may block on the user database.
+// The caller owns the result.
 ZKV_EXPORT std::optional<std::filesystem::path> ZKVRemotePreferencesCreateURLForStorage(
     const std::string& applicationID, const std::optional<std::string>& storeID,
     const std::optional<std::string>& containerPath, bool contained);
