@@ -889,7 +889,15 @@ ZKVRemotePreferencesSource::copyExternalChangesWithChangeCount(std::int64_t* out
   std::map<std::int64_t, std::vector<std::string>> groups;
   for (const auto& [key, reason] : *store_.externalChanges) {
     std::int64_t code = 0;
-    (void)reason.getInt64(code);
+    // A reason that is no whole number (a foreign journal's) has no group of
+    // its own here; folding it into 0, "changed on the server", or cutting
+    // 2.5 down to 2 would tell the application something untrue.
+    if (!reason.getInt64(code)) {
+      logLazily(LogLevel::Debug, [&] {
+        return cat({"Skipping external change of ", key, ": reason ", reason.description(), " is not an integer"});
+      });
+      continue;
+    }
     if (forgetAccountSwitch && code == kChangeCodeAccountSwitch) code = kChangeCodeChanged;
     groups[code].push_back(key);
   }

@@ -472,12 +472,16 @@ TEST_F(SourceConversationTest, JournalChangesAreRelayedLoadedAndHandedOutOnce) {
   NotificationProbe configurationRelayed(Source::ZKVRemotePreferencesSourceConfigurationDidChangeNotification(),
                                          source.get());
   // The daemon merged changes from elsewhere: a journal newer than 5 (b's
-  // entry is older and not news), and says so system-wide.
+  // entry is older and not news), and says so system-wide. e's and f's
+  // reasons have no integer value: skipped, never folded into another.
+  auto oddEntry = [](PropertyList change) { return makeDictionary({{"count", integer(8)}, {"change", change}}); };
   writeStore("journal", storeWith({{"a", record("a1")}, {"b", record("b0")}, {"c", record("c1")}}, 8,
                                   {{"journal", makeDictionary({{"a", journalEntry(6, 1)},
                                                                {"b", journalEntry(4, 1)},
                                                                {"c", journalEntry(7, 2)},
-                                                               {"d", journalEntry(8, 5)}})}}));
+                                                               {"d", journalEntry(8, 5)},
+                                                               {"e", oddEntry(str("x"))},
+                                                               {"f", oddEntry(PropertyList::real(2.5))}})}}));
   ASSERT_TRUE(velmora::postSystemNotification(Source::kSourceDidChangeExternallySystemNotification));
   ASSERT_TRUE(relayed.waitForOne());
   ASSERT_TRUE(relayedByOther.waitForOne());
@@ -502,6 +506,7 @@ TEST_F(SourceConversationTest, JournalChangesAreRelayedLoadedAndHandedOutOnce) {
   changeCount = -7;
   EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount), expected);
   EXPECT_EQ(changeCount, 8);
+  EXPECT_TRUE(log_->contains("Skipping external change of f: reason 2.5 is not an integer"));
   EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount), std::nullopt);
   EXPECT_FALSE(source->hasExternalChanges());
   // Forced with nothing written: a read, never a hand-over.

@@ -311,7 +311,10 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   bool hasExternalChanges();
   // copyExternalChangesWithChangeCount: takes the pending changes, grouped
   // as change reason -> keys (in key order); nullopt when none were pending.
-  // Applications linked before release 8 see reason 5 as 1. Always writes
+  // Applications linked before release 8 see reason 5 as 1. A key whose
+  // reason is not a number with an exact 64-bit integer value (a foreign
+  // journal's string, 2.5) is left out, with a debug line, and dropped with
+  // the rest; it is never put under another reason. Always writes
   // the source's change count to outChangeCount (when not null): hand it to
   // discardExternalChangesForChangeCount once the changes are dealt with.
   // The pending set is emptied: each change is handed out once. The caller
