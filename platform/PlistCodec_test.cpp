@@ -761,8 +761,9 @@ TEST(XmlPlist, CheckedInFilesCarryNoPublicDoctype) {
   for (std::size_t at = 0, end; (end = names.find('\0', at)) != std::string::npos; at = end + 1, ++files) {
     std::ifstream in(std::string(VELMORA_SOURCE_DIR "/") + names.substr(at, end - at), std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    if (text.find("DOCTYPE") != std::string::npos)
+    if (text.find("DOCTYPE") != std::string::npos) {
       EXPECT_FALSE(std::regex_search(text, publicDoctype)) << names.substr(at, end - at);
+    }
   }
   EXPECT_GT(files, 100u);
 }
