@@ -893,7 +893,7 @@ ZKVRemotePreferencesSource::copyExternalChangesWithChangeCount(std::int64_t* out
     // its own here; folding it into 0, "changed on the server", or cutting
     // 2.5 down to 2 would tell the application something untrue.
     if (!reason.getInt64(code)) {
-      logLazily(LogLevel::Debug, [&] {
+      logLazily(LogLevel::Debug, [&key = key, &reason = reason] {
         return cat({"Skipping external change of ", key, ": reason ", reason.description(), " is not an integer"});
       });
       continue;
