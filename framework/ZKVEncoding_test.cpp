@@ -118,8 +118,7 @@ TEST(ZKVSerialized, WritesHeaderAndRoundTripsIgnoringReservedBytes) {
     EXPECT_EQ(ZKVCopyPropertyListAndTimestampFromData(b, nullptr), value);
     // The payload may be in either encoding: XML behind the same header reads the same.
     const std::string xml = velmora::encodeXmlPlist(value).value();
-    b.resize(12);
-    b.insert(b.end(), xml.begin(), xml.end());
+    b.insert(b.erase(b.begin() + 12, b.end()), xml.begin(), xml.end());
     EXPECT_EQ(readData(b, out), value);
   }
 }

@@ -11,12 +11,6 @@ serialised and gzip forms of real values, request envelopes in the bus
 target's input form). Then a few hand-made edge cases per target are added:
 shapes the tests never make but a damaged file or a hostile peer could.
 scripts/fuzz-seeds minimises OUT with libFuzzer's -merge=1 into fuzz/corpus/.
-
-    fuzz/seeds.py --scrub FILE...
-
-rewrites the given seeds in place as every seed written above is rewritten:
-an XML plist DOCTYPE with a public identifier and DTD address (what other
-writers emit; they name their maker) becomes our writer's <!DOCTYPE plist>.
 Standard library only.
 """
 
@@ -32,21 +26,12 @@ import zlib
 
 MAX_SEED = 16 * 1024  # larger files add bulk, rarely coverage
 EPOCH_2001 = datetime.datetime(2001, 1, 1)
-# A plist DOCTYPE with a public identifier (and DTD address), as other
-# writers emit it.
-QUOTED = rb"(?:\"[^\"]*\"|'[^']*')"
-PUBLIC_DOCTYPE = re.compile(rb"<!DOCTYPE\s+plist\s+PUBLIC\s+" + QUOTED + rb"(?:\s+" + QUOTED + rb")?\s*>")
-OUR_DOCTYPE = b"<!DOCTYPE plist>"
-
-
-def scrub(data):
-    """data with every public plist DOCTYPE replaced by ours. An XML
-    document gets it exactly; inside anything else (a binary plist holding
-    such a document as a string) it is padded with spaces to the same length,
-    so that the lengths and offsets around it stay right."""
-    if data.lstrip()[:1] == b"<":
-        return PUBLIC_DOCTYPE.sub(OUR_DOCTYPE, data)
-    return PUBLIC_DOCTYPE.sub(lambda m: OUR_DOCTYPE.ljust(len(m.group(0))), data)
+# Every seed carries an XML plist DOCTYPE only in our writer's form, <!DOCTYPE
+# plist>: the public identifier and DTD address that other writers (plistlib
+# among them) put there name their maker. Inside a binary plist (a string
+# holding such a document) the shorter form leaves that seed damaged, which
+# does a fuzz seed no harm.
+PUBLIC_DOCTYPE = re.compile(rb'<!DOCTYPE\s+plist\s+PUBLIC\s+"[^"]*"(?:\s+"[^"]*")?\s*>')
 
 
 class Candidates:
@@ -56,7 +41,7 @@ class Candidates:
     def add(self, target, data, name=None):
         if not data or len(data) > MAX_SEED:
             return
-        data = scrub(data)
+        data = PUBLIC_DOCTYPE.sub(b"<!DOCTYPE plist>", data)
         directory = os.path.join(self.out, target)
         os.makedirs(directory, exist_ok=True)
         digest = hashlib.sha1(data).hexdigest()[:16]
@@ -438,20 +423,7 @@ def request_edges(c):
     add("register", "not-a-dictionary")
 
 
-def scrub_files(paths):
-    for path in paths:
-        with open(path, "rb") as f:
-            data = f.read()
-        clean = scrub(data)
-        if clean != data:
-            with open(path, "wb") as f:
-                f.write(clean)
-
-
 def main():
-    if len(sys.argv) >= 2 and sys.argv[1] == "--scrub":
-        scrub_files(sys.argv[2:])
-        return
     if len(sys.argv) != 3:
         sys.exit(__doc__)
     c = Candidates(sys.argv[2])
