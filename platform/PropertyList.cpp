@@ -382,9 +382,12 @@ void describe(std::string& out, const PropertyList& v, int indent) {
 
 }  // namespace
 
-bool PropertyList::isValidForBinaryFormat() const {
+bool PropertyList::isValidForBinaryFormat() const { return isValidForBinaryFormat(0); }
+
+bool PropertyList::isValidForBinaryFormat(int depth) const {
+  if (depth < 0) return false;
   std::unordered_map<const void*, int> seen;
-  return validHeight(*this, 0, seen) >= 0;
+  return validHeight(*this, depth, seen) >= 0;
 }
 
 std::string PropertyList::description() const {

@@ -150,6 +150,10 @@ class VELMORA_EXPORT PropertyList {
   // The validity test for the binary format: not none, no none anywhere
   // inside, every string and key valid UTF-8, depth at most kMaxDepth.
   bool isValidForBinaryFormat() const;
+  // The same test for the value placed `depth` containers deep inside
+  // another one (0: at the top), so that the whole stays within kMaxDepth.
+  // False for a negative depth.
+  bool isValidForBinaryFormat(int depth) const;
 
   // Readable, deterministic text: dictionaries with keys sorted, strings
   // quoted, data in hex (long data shortened), dates in UTC. Used by log
