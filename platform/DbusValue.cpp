@@ -1,69 +1,46 @@
 // Conversion between property lists and bus message values.
 //
 // Design note: pure functions over one message at a time; no threads, no
-// locks, no state. Recursion is bounded by the depth checks (the IPC check
-// on the way out, kMaxDbusReadDepth on the way in), so no input can exhaust
-// the stack.
+// locks, no state shared between calls. Recursion is bounded by depth checks
+// (the binary format's on the way out, kMaxDbusReadDepth and the binary
+// format's on the way in), so no input can exhaust the stack; the weight
+// budget bounds the natural part of a message written.
 #include "velmora/platform/DbusValue.h"
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <unordered_map>
+
+#include "velmora/platform/PlistCodec.h"
 
 namespace velmora {
 namespace {
 
-// Whether v, held in a variant at container depth `depth`, stays within the
-// bus's depth limit; also checks strings and keys.
-bool isCarriable(const PropertyList& v, int depth) {
-  switch (v.type()) {
-    case PlistType::None:
-      return false;
-    case PlistType::Boolean:
-    case PlistType::Integer:
-    case PlistType::Real:
-      return true;
-    case PlistType::Data:  // ay: the array costs one level
-    case PlistType::Date:  // (d): the struct costs one level
-      return depth + 1 <= kMaxIpcContainerDepth;
-    case PlistType::String: {
-      const std::string* s = v.getString();
-      return s->find('\0') == std::string::npos && isValidUtf8(*s);
-    }
-    case PlistType::Array: {
-      // av: the array, then a variant per element.
-      if (depth + 2 > kMaxIpcContainerDepth) {
-        return false;
-      }
-      for (const PropertyList& item : *v.getArray()) {
-        if (!isCarriable(item, depth + 2)) {
-          return false;
-        }
-      }
-      return true;
-    }
-    case PlistType::Dictionary: {
-      // a{sv}: the array, the entry, then the variant holding each value.
-      if (depth + 3 > kMaxIpcContainerDepth) {
-        return false;
-      }
-      for (const auto& [key, value] : *v.getDictionary()) {
-        if (key.find('\0') != std::string::npos || !isValidUtf8(key)) {
-          return false;
-        }
-        if (!isCarriable(value, depth + 3)) {
-          return false;
-        }
-      }
-      return true;
-    }
-  }
-  return false;
-}
+// A value that the natural mapping cannot hold travels as "(ay)", a struct
+// holding its binary property list: a string or key with NUL, a container
+// nested too deep for the bus, or a tree far larger than its shared form
+// (a subtree that several parents share is written once in a property list
+// but at every place on the bus, so a small value can stand for a huge tree).
+constexpr const char* kEncodedSignature = "(ay)";
+// Containers an encoded value adds below its variant: the struct, the array.
+constexpr int kEncodedDepth = 2;
+// What one value, container or dictionary entry weighs on the wire before
+// its bytes; the weight of a value is about its size in the natural form.
+constexpr std::uint64_t kItemWeight = 16;
+// The most that natural values may weigh in one message: what would exceed
+// it is encoded instead. Well below the bus's 64 MiB limit for one array.
+constexpr std::uint64_t kMaxNaturalWeight = std::uint64_t{16} << 20;
 
-const char* variantSignature(const PropertyList& v) {
+bool isCarriableKey(std::string_view key) { return key.find('\0') == std::string_view::npos && isValidUtf8(key); }
+
+const char* naturalSignature(const PropertyList& v) {
   switch (v.type()) {
     case PlistType::Boolean:
       return "b";
@@ -87,106 +64,136 @@ const char* variantSignature(const PropertyList& v) {
   return nullptr;
 }
 
-int appendValue(sd_bus_message* m, const PropertyList& v);
+// Writes checked values (valid for the binary format) into one message.
+// `depth` is the container depth of the variant that holds a value, the
+// variant counted. Every variant is kept at most kEncodedDepth short of the
+// bus's limit, so that an encoded value fits wherever a natural one does
+// not. The walk of natural values is bounded by the weight budget, and
+// weights are measured once per shared payload.
+class Writer {
+ public:
+  explicit Writer(sd_bus_message* m) : m_(m) {}
 
-int appendVariant(sd_bus_message* m, const PropertyList& v) {
-  const char* signature = variantSignature(v);
-  if (signature == nullptr) {
+  // dict as a{sv}, its array one level below depth.
+  int appendDictionary(const PlistDictionary& dict, int depth) {
+    int r = sd_bus_message_open_container(m_, SD_BUS_TYPE_ARRAY, "{sv}");
+    for (auto it = dict.begin(); r >= 0 && it != dict.end(); ++it) {
+      budget_ -= std::min(budget_, kItemWeight + it->first.size());
+      r = sd_bus_message_open_container(m_, SD_BUS_TYPE_DICT_ENTRY, "sv");
+      if (r >= 0) r = sd_bus_message_append_basic(m_, SD_BUS_TYPE_STRING, it->first.c_str());
+      if (r >= 0) r = appendVariant(it->second, depth + 3);
+      if (r >= 0) r = sd_bus_message_close_container(m_);
+    }
+    return r < 0 ? r : sd_bus_message_close_container(m_);
+  }
+
+  int appendVariant(const PropertyList& v, int depth) {
+    const bool natural = isNatural(v, depth);
+    int r = sd_bus_message_open_container(m_, SD_BUS_TYPE_VARIANT, natural ? naturalSignature(v) : kEncodedSignature);
+    if (r >= 0) r = natural ? appendNatural(v, depth) : appendEncoded(v);
+    return r < 0 ? r : sd_bus_message_close_container(m_);
+  }
+
+ private:
+  bool isNatural(const PropertyList& v, int depth) {
+    switch (v.type()) {
+      case PlistType::String:
+        return v.getString()->find('\0') == std::string::npos;
+      case PlistType::Array:  // av: the array, then a variant per element
+        return depth + 2 + kEncodedDepth <= kMaxIpcContainerDepth && weight(v) <= budget_;
+      case PlistType::Dictionary: {  // a{sv}: the array, the entry, the variant
+        if (depth + 3 + kEncodedDepth > kMaxIpcContainerDepth || weight(v) > budget_) return false;
+        for (const auto& entry : *v.getDictionary()) {
+          if (!isCarriableKey(entry.first)) return false;
+        }
+        return true;
+      }
+      default:  // data and dates add one level, within the room kept
+        return true;
+    }
+  }
+
+  // About the bytes of v's natural form, saturating above the budget.
+  std::uint64_t weight(const PropertyList& v) {
+    const void* payload = v.getArray() != nullptr ? static_cast<const void*>(v.getArray()) : v.getDictionary();
+    if (payload == nullptr) return kItemWeight + v.count();
+    if (auto known = weights_.find(payload); known != weights_.end()) return known->second;
+    std::uint64_t total = kItemWeight;
+    auto add = [&](std::uint64_t w) {
+      total = std::min(total + w, kMaxNaturalWeight + 1);
+      return total <= kMaxNaturalWeight;
+    };
+    if (const PlistArray* items = v.getArray()) {
+      for (auto it = items->begin(); it != items->end() && add(weight(*it)); ++it) {
+      }
+    } else {
+      for (auto it = v.getDictionary()->begin(); it != v.getDictionary()->end() &&
+                                                 add(kItemWeight + it->first.size() + weight(it->second));
+           ++it) {
+      }
+    }
+    weights_.emplace(payload, total);
+    return total;
+  }
+
+  int appendNatural(const PropertyList& v, int depth) {
+    budget_ -= std::min(budget_, v.isArray() || v.isDictionary() ? kItemWeight : weight(v));
+    switch (v.type()) {
+      case PlistType::Boolean: {
+        int b = v.booleanValue() ? 1 : 0;
+        return sd_bus_message_append_basic(m_, SD_BUS_TYPE_BOOLEAN, &b);
+      }
+      case PlistType::Integer: {
+        if (v.isUnsignedInteger()) {
+          std::uint64_t u = v.unsignedValue();
+          return sd_bus_message_append_basic(m_, SD_BUS_TYPE_UINT64, &u);
+        }
+        std::int64_t i = v.integerBits();
+        return sd_bus_message_append_basic(m_, SD_BUS_TYPE_INT64, &i);
+      }
+      case PlistType::Real: {
+        double d = v.realValue();
+        return sd_bus_message_append_basic(m_, SD_BUS_TYPE_DOUBLE, &d);
+      }
+      case PlistType::Date: {
+        double d = v.dateValue();
+        int r = sd_bus_message_open_container(m_, SD_BUS_TYPE_STRUCT, "d");
+        if (r >= 0) r = sd_bus_message_append_basic(m_, SD_BUS_TYPE_DOUBLE, &d);
+        return r < 0 ? r : sd_bus_message_close_container(m_);
+      }
+      case PlistType::String:
+        return sd_bus_message_append_basic(m_, SD_BUS_TYPE_STRING, v.getString()->c_str());
+      case PlistType::Data: {
+        const Bytes* bytes = v.getData();
+        return sd_bus_message_append_array(m_, SD_BUS_TYPE_BYTE, bytes->data(), bytes->size());
+      }
+      case PlistType::Array: {
+        int r = sd_bus_message_open_container(m_, SD_BUS_TYPE_ARRAY, "v");
+        for (auto it = v.getArray()->begin(); r >= 0 && it != v.getArray()->end(); ++it) {
+          r = appendVariant(*it, depth + 2);
+        }
+        return r < 0 ? r : sd_bus_message_close_container(m_);
+      }
+      case PlistType::Dictionary:
+        return appendDictionary(*v.getDictionary(), depth);
+      case PlistType::None:
+        break;
+    }
     return -EINVAL;
   }
-  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_VARIANT, signature);
-  if (r < 0) {
-    return r;
-  }
-  r = appendValue(m, v);
-  if (r < 0) {
-    return r;
-  }
-  return sd_bus_message_close_container(m);
-}
 
-int appendDictionary(sd_bus_message* m, const PlistDictionary& dict) {
-  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "{sv}");
-  if (r < 0) {
-    return r;
+  int appendEncoded(const PropertyList& v) {
+    const std::optional<Bytes> bytes = encodeBinaryPlist(v);
+    if (!bytes) return -EINVAL;
+    int r = sd_bus_message_open_container(m_, SD_BUS_TYPE_STRUCT, "ay");
+    if (r >= 0) r = sd_bus_message_append_array(m_, SD_BUS_TYPE_BYTE, bytes->data(), bytes->size());
+    return r < 0 ? r : sd_bus_message_close_container(m_);
   }
-  for (const auto& [key, value] : dict) {
-    r = sd_bus_message_open_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r < 0) {
-      return r;
-    }
-    r = sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, key.c_str());
-    if (r < 0) {
-      return r;
-    }
-    r = appendVariant(m, value);
-    if (r < 0) {
-      return r;
-    }
-    r = sd_bus_message_close_container(m);
-    if (r < 0) {
-      return r;
-    }
-  }
-  return sd_bus_message_close_container(m);
-}
 
-int appendValue(sd_bus_message* m, const PropertyList& v) {
-  switch (v.type()) {
-    case PlistType::Boolean: {
-      int b = v.booleanValue() ? 1 : 0;
-      return sd_bus_message_append_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
-    }
-    case PlistType::Integer: {
-      if (v.isUnsignedInteger()) {
-        std::uint64_t u = v.unsignedValue();
-        return sd_bus_message_append_basic(m, SD_BUS_TYPE_UINT64, &u);
-      }
-      std::int64_t i = v.integerBits();
-      return sd_bus_message_append_basic(m, SD_BUS_TYPE_INT64, &i);
-    }
-    case PlistType::Real: {
-      double d = v.realValue();
-      return sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &d);
-    }
-    case PlistType::Date: {
-      int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "d");
-      if (r < 0) {
-        return r;
-      }
-      double d = v.dateValue();
-      r = sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &d);
-      if (r < 0) {
-        return r;
-      }
-      return sd_bus_message_close_container(m);
-    }
-    case PlistType::String:
-      return sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, v.getString()->c_str());
-    case PlistType::Data: {
-      const Bytes* bytes = v.getData();
-      return sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, bytes->data(), bytes->size());
-    }
-    case PlistType::Array: {
-      int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "v");
-      if (r < 0) {
-        return r;
-      }
-      for (const PropertyList& item : *v.getArray()) {
-        r = appendVariant(m, item);
-        if (r < 0) {
-          return r;
-        }
-      }
-      return sd_bus_message_close_container(m);
-    }
-    case PlistType::Dictionary:
-      return appendDictionary(m, *v.getDictionary());
-    case PlistType::None:
-      break;
-  }
-  return -EINVAL;
-}
+  sd_bus_message* const m_;
+  std::uint64_t budget_ = kMaxNaturalWeight;                 // natural weight still allowed
+  std::unordered_map<const void*, std::uint64_t> weights_;  // by container payload
+};
 
 // ---------------------------------------------------------------------------
 // Reading.
@@ -201,7 +208,9 @@ bool isBasic(char type) {
 
 enum class ReadResult { Value, Skipped, Failed };
 
-ReadResult readValue(sd_bus_message* m, char type, const char* contents, int depth, PropertyList& out);
+// `depth` counts the bus containers around the value, `level` the
+// property-list containers (the level at which an encoded value lands).
+ReadResult readValue(sd_bus_message* m, char type, const char* contents, int depth, int level, PropertyList& out);
 
 // Reads one basic value of the given type.
 ReadResult readBasic(sd_bus_message* m, char type, PropertyList& out) {
@@ -263,7 +272,7 @@ ReadResult readBasic(sd_bus_message* m, char type, PropertyList& out) {
 }
 
 // Reads the members of the container just entered, in order, skipping fds.
-bool readMembers(sd_bus_message* m, int depth, PlistArray& items) {
+bool readMembers(sd_bus_message* m, int depth, int level, PlistArray& items) {
   for (;;) {
     char type = 0;
     const char* contents = nullptr;
@@ -275,7 +284,7 @@ bool readMembers(sd_bus_message* m, int depth, PlistArray& items) {
       return true;
     }
     PropertyList item;
-    switch (readValue(m, type, contents, depth, item)) {
+    switch (readValue(m, type, contents, depth, level, item)) {
       case ReadResult::Value:
         items.push_back(std::move(item));
         break;
@@ -289,7 +298,8 @@ bool readMembers(sd_bus_message* m, int depth, PlistArray& items) {
 
 // Reads an array of dictionary entries; arrayContents is its element
 // signature, e.g. "{sv}".
-ReadResult readDictionaryArray(sd_bus_message* m, const char* arrayContents, int depth, PropertyList& out) {
+ReadResult readDictionaryArray(sd_bus_message* m, const char* arrayContents, int depth, int level,
+                               PropertyList& out) {
   // arrayContents is "{KV...}"; the entry container wants "KV...".
   std::string_view inner(arrayContents);
   if (inner.size() < 4 || inner.front() != '{' || inner.back() != '}') {
@@ -329,7 +339,7 @@ ReadResult readDictionaryArray(sd_bus_message* m, const char* arrayContents, int
       return ReadResult::Failed;
     }
     PropertyList value;
-    ReadResult valueResult = readValue(m, valueType, valueContents, depth + 2, value);
+    ReadResult valueResult = readValue(m, valueType, valueContents, depth + 2, level + 1, value);
     if (valueResult == ReadResult::Failed) {
       return ReadResult::Failed;
     }
@@ -352,7 +362,19 @@ ReadResult readDictionaryArray(sd_bus_message* m, const char* arrayContents, int
   return ReadResult::Value;
 }
 
-ReadResult readValue(sd_bus_message* m, char type, const char* contents, int depth, PropertyList& out) {
+// An encoded value: the binary property list in the "(ay)" just entered.
+ReadResult readEncoded(sd_bus_message* m, int level, PropertyList& out) {
+  const void* bytes = nullptr;
+  std::size_t size = 0;
+  if (sd_bus_message_read_array(m, SD_BUS_TYPE_BYTE, &bytes, &size) < 0) return ReadResult::Failed;
+  PropertyList value = decodeBinaryPlist({static_cast<const std::uint8_t*>(bytes), size});
+  // The decoder bounds the value's own nesting; where it lands counts too.
+  if (!value.isValidForBinaryFormat(level)) return ReadResult::Failed;
+  out = std::move(value);
+  return ReadResult::Value;
+}
+
+ReadResult readValue(sd_bus_message* m, char type, const char* contents, int depth, int level, PropertyList& out) {
   if (isBasic(type)) {
     return readBasic(m, type, out);
   }
@@ -369,7 +391,7 @@ ReadResult readValue(sd_bus_message* m, char type, const char* contents, int dep
       if (sd_bus_message_peek_type(m, &innerType, &innerContents) <= 0) {
         return ReadResult::Failed;
       }
-      ReadResult result = readValue(m, innerType, innerContents, depth + 1, out);
+      ReadResult result = readValue(m, innerType, innerContents, depth + 1, level, out);
       if (result == ReadResult::Failed || sd_bus_message_exit_container(m) < 0) {
         return ReadResult::Failed;
       }
@@ -387,13 +409,13 @@ ReadResult readValue(sd_bus_message* m, char type, const char* contents, int dep
         return ReadResult::Value;
       }
       if (contents[0] == SD_BUS_TYPE_DICT_ENTRY_BEGIN) {
-        return readDictionaryArray(m, contents, depth, out);
+        return readDictionaryArray(m, contents, depth, level, out);
       }
       if (sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, contents) <= 0) {
         return ReadResult::Failed;
       }
       PlistArray items;
-      if (!readMembers(m, depth + 1, items) || sd_bus_message_exit_container(m) < 0) {
+      if (!readMembers(m, depth + 1, level + 1, items) || sd_bus_message_exit_container(m) < 0) {
         return ReadResult::Failed;
       }
       out = PropertyList::array(std::move(items));
@@ -403,8 +425,12 @@ ReadResult readValue(sd_bus_message* m, char type, const char* contents, int dep
       if (sd_bus_message_enter_container(m, SD_BUS_TYPE_STRUCT, contents) <= 0) {
         return ReadResult::Failed;
       }
+      if (std::strcmp(contents, "ay") == 0) {
+        ReadResult result = readEncoded(m, level, out);
+        return result == ReadResult::Failed || sd_bus_message_exit_container(m) < 0 ? ReadResult::Failed : result;
+      }
       PlistArray members;
-      if (!readMembers(m, depth + 1, members) || sd_bus_message_exit_container(m) < 0) {
+      if (!readMembers(m, depth + 1, level + 1, members) || sd_bus_message_exit_container(m) < 0) {
         return ReadResult::Failed;
       }
       if (std::strcmp(contents, "d") == 0 && members.size() == 1) {
@@ -422,10 +448,11 @@ ReadResult readValue(sd_bus_message* m, char type, const char* contents, int dep
 }  // namespace
 
 std::optional<IpcObject> ipcObjectFromPropertyList(const PropertyList& value) {
-  // The top-level dictionary is the message argument itself: no variant
-  // around it, so its values sit at depth 3.
-  if (!value.isDictionary() || !isCarriable(value, 0)) {
-    return std::nullopt;
+  // The top-level dictionary is the message argument itself, so its keys
+  // cannot be encoded; everything below them can.
+  if (!value.isDictionary() || !value.isValidForBinaryFormat()) return std::nullopt;
+  for (const auto& entry : *value.getDictionary()) {
+    if (!isCarriableKey(entry.first)) return std::nullopt;
   }
   return IpcObject(value);
 }
@@ -433,15 +460,14 @@ std::optional<IpcObject> ipcObjectFromPropertyList(const PropertyList& value) {
 PropertyList propertyListFromIpcObject(const IpcObject& object) { return object.dictionary(); }
 
 int appendIpcObject(sd_bus_message* message, const IpcObject& object) {
-  return appendDictionary(message, *object.dictionary().getDictionary());
+  // The argument's array is at depth 1, so its values' variants at 3.
+  return Writer(message).appendDictionary(*object.dictionary().getDictionary(), 0);
 }
 
 int appendDbusVariant(sd_bus_message* message, const PropertyList& value) {
+  if (!value.isValidForBinaryFormat()) return -EINVAL;
   // The variant itself is at least one level deep wherever it goes.
-  if (!isCarriable(value, 1)) {
-    return -EINVAL;
-  }
-  return appendVariant(message, value);
+  return Writer(message).appendVariant(value, 1);
 }
 
 std::optional<PropertyList> readDbusValue(sd_bus_message* message) {
@@ -451,7 +477,7 @@ std::optional<PropertyList> readDbusValue(sd_bus_message* message) {
     return std::nullopt;
   }
   PropertyList value;
-  if (readValue(message, type, contents, 0, value) != ReadResult::Value) {
+  if (readValue(message, type, contents, 0, 0, value) != ReadResult::Value) {
     return std::nullopt;
   }
   return value;
@@ -464,7 +490,8 @@ std::optional<PropertyList> readDbusDictionary(sd_bus_message* message) {
   if (sd_bus_message_peek_type(message, &type, &contents) <= 0) {
     return std::nullopt;
   }
-  // Unwrap variants around the dictionary, then insist on string-like keys.
+  // Unwrap variants around the dictionary, then insist on string-like keys
+  // (or an encoded value, which must turn out a dictionary).
   int entered = 0;
   while (type == SD_BUS_TYPE_VARIANT) {
     if (++depth > kMaxDbusReadDepth || sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents) <= 0 ||
@@ -473,12 +500,13 @@ std::optional<PropertyList> readDbusDictionary(sd_bus_message* message) {
     }
     ++entered;
   }
-  if (type != SD_BUS_TYPE_ARRAY || contents == nullptr || contents[0] != SD_BUS_TYPE_DICT_ENTRY_BEGIN ||
-      !isStringLike(contents[1])) {
+  const bool encoded = type == SD_BUS_TYPE_STRUCT && contents != nullptr && std::strcmp(contents, "ay") == 0;
+  if (!encoded && (type != SD_BUS_TYPE_ARRAY || contents == nullptr || contents[0] != SD_BUS_TYPE_DICT_ENTRY_BEGIN ||
+                   !isStringLike(contents[1]))) {
     return std::nullopt;
   }
   PropertyList value;
-  if (readValue(message, type, contents, depth, value) != ReadResult::Value) {
+  if (readValue(message, type, contents, depth, 0, value) != ReadResult::Value || !value.isDictionary()) {
     return std::nullopt;
   }
   for (; entered > 0; --entered) {

@@ -75,7 +75,17 @@ class DbusValueTest : public ::testing::Test {
   sd_bus_message* message_ = nullptr;
 };
 
+// Values nested `levels` deep in dictionaries or arrays around leaf.
+PropertyList nested(int levels, PropertyList leaf, bool arrays = false) {
+  for (int i = 0; i < levels; ++i) leaf = arrays ? makeArray({leaf}) : makeDictionary({{"k", leaf}});
+  return leaf;
+}
+
+const std::string withNul("a\0b", 3);
+
 PropertyList everyType() {
+  PropertyList shared = PropertyList::integer(1);  // a tree of 2^20 leaves in 21 payloads
+  for (int i = 0; i < 20; ++i) shared = makeArray({shared, shared});
   return makeDictionary({
       {"true", PropertyList::boolean(true)},
       {"false", PropertyList::boolean(false)},
@@ -94,6 +104,12 @@ PropertyList everyType() {
       {"empty array", PropertyList::array({})},
       {"dict", makeDictionary({{"inner", makeDictionary({{"x", PropertyList::real(0.5)}})}})},
       {"", PropertyList::string("empty key")},
+      // What the natural form cannot hold travels encoded: NUL, nesting the
+      // bus would refuse, a tree far larger than its shared form.
+      {"nul", PropertyList::string(withNul)},
+      {"nul key", makeDictionary({{withNul, PropertyList::integer(1)}})},
+      {"deep", nested(40, PropertyList::date(7), true)},
+      {"shared", shared},
   });
 }
 
@@ -105,7 +121,8 @@ TEST_F(DbusValueTest, EveryTypeRoundTripsWithItsWireSignature) {
   auto signatures = entrySignatures();
   for (const auto& [key, signature] : {std::pair{"true", "b"}, {"max", "x"}, {"big", "t"}, {"real", "d"},
                                        {"date", "(d)"}, {"string", "s"}, {"data", "ay"}, {"array", "av"},
-                                       {"dict", "a{sv}"}}) {
+                                       {"dict", "a{sv}"}, {"nul", "(ay)"}, {"nul key", "(ay)"}, {"deep", "av"},
+                                       {"shared", "(ay)"}}) {
     EXPECT_EQ(signatures[key], signature) << key;
   }
 
@@ -115,60 +132,42 @@ TEST_F(DbusValueTest, EveryTypeRoundTripsWithItsWireSignature) {
   EXPECT_TRUE(back.find("date")->isDate());
 }
 
-TEST_F(DbusValueTest, ValuesTheBusCannotCarryAreRefused) {
-  const std::string withNul("a\0b", 3);
+// Only what the binary format itself refuses is refused.
+TEST_F(DbusValueTest, ValuesTheBinaryFormatRefusesAreRefused) {
   const std::string badUtf8 = "\xC3\x28";
-  const PropertyList refused[] = {
-      makeDictionary({{"k", PropertyList::string(withNul)}}),
-      makeDictionary({{"k", PropertyList::string(badUtf8)}}),
-      makeDictionary({{withNul, PropertyList::integer(1)}}),
-      makeDictionary({{badUtf8, PropertyList::integer(1)}}),
-      makeDictionary({{"k", makeArray({PropertyList::integer(1), PropertyList()})}}),
-      makeDictionary({{"k", makeDictionary({{"deep", makeArray({PropertyList::string(withNul)})}})}}),
-      makeArray({PropertyList::integer(1)}),  // the top must be a dictionary
-      PropertyList::string("not a dictionary"),
-      PropertyList(),
-  };
-  for (const PropertyList& value : refused) {
-    EXPECT_FALSE(ipcObjectFromPropertyList(value).has_value()) << value.description();
+  for (const PropertyList& value : {
+           makeDictionary({{"k", PropertyList::string(badUtf8)}}),
+           makeDictionary({{"k", makeDictionary({{badUtf8, PropertyList::integer(1)}})}}),
+           makeDictionary({{withNul, PropertyList::integer(1)}}),  // the top's keys are the message's own
+           makeDictionary({{"k", makeArray({PropertyList::integer(1), PropertyList()})}}),
+           nested(PropertyList::kMaxDepth + 1, PropertyList::integer(1)),
+           makeArray({PropertyList::integer(1)}),  // the top must be a dictionary
+           PropertyList(),
+       }) {
+    EXPECT_FALSE(ipcObjectFromPropertyList(value).has_value()) << value.description().substr(0, 80);
   }
-  // The same string without its NUL is fine.
-  EXPECT_TRUE(ipcObjectFromPropertyList(makeDictionary({{"k", PropertyList::string("ab")}})).has_value());
+  EXPECT_EQ(appendDbusVariant(newMessage(), PropertyList()), -EINVAL);
 }
 
-// Dictionaries nested `levels` deep (counting the top), with leaf as the
-// innermost value.
-PropertyList nestedDictionaries(int levels, PropertyList leaf) {
-  PropertyList value = makeDictionary({{"k", std::move(leaf)}});
-  for (int i = 1; i < levels; ++i) value = makeDictionary({{"k", value}});
-  return value;
-}
-
-// The bus drops a connection whose message nests deeper than 64 containers;
-// each dictionary level costs three. The integration tests send the deepest
-// accepted value through a real bus.
-TEST_F(DbusValueTest, DepthCheckMatchesTheBusLimit) {
-  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::integer(1))).has_value());
-  EXPECT_FALSE(ipcObjectFromPropertyList(nestedDictionaries(22, PropertyList::integer(1))).has_value());
-  // At 21 levels the innermost variant sits at depth 63: a date or data
-  // (one more level) still fits, an array (two more) does not.
-  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::date(1))).has_value());
-  EXPECT_TRUE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::data(Bytes{1}))).has_value());
-  EXPECT_FALSE(ipcObjectFromPropertyList(nestedDictionaries(21, PropertyList::array({}))).has_value());
-
-  // Two dictionaries and 29 arrays put the innermost variant at exactly 64:
-  // a scalar fits there, a date or data does not.
-  auto arraysIn2Dictionaries = [](PropertyList leaf) {
-    PropertyList value = makeArray({std::move(leaf)});
-    for (int i = 1; i < 29; ++i) value = makeArray({value});
-    return nestedDictionaries(2, value);
-  };
-  EXPECT_TRUE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::integer(1))).has_value());
-  EXPECT_FALSE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::date(1))).has_value());
-  EXPECT_FALSE(ipcObjectFromPropertyList(arraysIn2Dictionaries(PropertyList::data(Bytes{}))).has_value());
-
-  PropertyList deepest = nestedDictionaries(21, PropertyList::date(7));
-  EXPECT_EQ(roundTrip(deepest), deepest);
+// An encoded value is read only where it nests no deeper than the binary
+// format allows, counted from the argument's top.
+TEST_F(DbusValueTest, EncodedValuesAreReadWithinTheDepthLimit) {
+  // As deep as the format allows, encoded below its natural top: it fits as
+  // a dictionary's entry, and not one array further down.
+  const PropertyList deepest = nested(PropertyList::kMaxDepth - 1, PropertyList::string(std::string(1, '\0')), true);
+  for (const bool inArray : {false, true}) {
+    sd_bus_message* m = newMessage();
+    ASSERT_GE(sd_bus_message_open_container(m, 'a', "{sv}"), 0);
+    ASSERT_GE(sd_bus_message_open_container(m, 'e', "sv"), 0);
+    ASSERT_GE(sd_bus_message_append_basic(m, 's', "k"), 0);
+    if (inArray) {
+      ASSERT_GE(sd_bus_message_open_container(m, 'v', "av"), 0);
+      ASSERT_GE(sd_bus_message_open_container(m, 'a', "v"), 0);
+    }
+    ASSERT_GE(appendDbusVariant(m, deepest), 0);
+    for (int open = inArray ? 4 : 2; open > 0; --open) ASSERT_GE(sd_bus_message_close_container(m), 0);
+    EXPECT_EQ(readDbusDictionary(sealed()).has_value(), !inArray);
+  }
 }
 
 TEST_F(DbusValueTest, OtherBasicTypesReadAsTheNearestValue) {
@@ -242,14 +241,6 @@ TEST_F(DbusValueTest, OddDictionariesAndTopLevels) {
   EXPECT_EQ(readDbusValue(s), PropertyList::integer(7));
   EXPECT_FALSE(readDbusValue(s).has_value()) << "a descriptor at the top";
   EXPECT_FALSE(readDbusDictionary(s).has_value()) << "an array of strings";
-}
-
-TEST_F(DbusValueTest, AppendVariantRefusesWhatTheObjectCheckRefuses) {
-  EXPECT_EQ(appendDbusVariant(newMessage(), PropertyList::string(std::string("a\0b", 3))), -EINVAL);
-  EXPECT_EQ(appendDbusVariant(newMessage(), PropertyList()), -EINVAL);
-  sd_bus_message* m = newMessage();
-  ASSERT_GE(appendDbusVariant(m, PropertyList::date(12.5)), 0);
-  EXPECT_EQ(readDbusValue(sealed()), PropertyList::date(12.5));
 }
 
 }  // namespace

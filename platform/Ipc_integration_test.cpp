@@ -112,6 +112,9 @@ class IpcTest : public ::testing::Test {
 };
 
 PropertyList everyType() {
+  const PropertyList nul = PropertyList::string(std::string("a\0b", 3));
+  PropertyList deep = PropertyList::data(Bytes{1});  // as deep as the echo {"reply": request} can still be
+  for (int i = 2; i < PropertyList::kMaxDepth; ++i) deep = i % 2 ? makeArray({deep}) : makeDictionary({{"k", deep}});
   return makeDictionary({
       {"message", str("echo")},
       {"bool", PropertyList::boolean(true)},
@@ -123,6 +126,11 @@ PropertyList everyType() {
       {"data", PropertyList::data(Bytes{0, 0, 7, 255})},
       {"array", makeArray({PropertyList::integer(1), makeArray({}), makeDictionary({{"d", PropertyList::date(-1)}})})},
       {"dict", makeDictionary({{"nested", makeDictionary({{"deeper", PropertyList::boolean(false)}})}})},
+      // What the bus cannot hold as it is (NUL, nesting past its 64
+      // containers, for which it would drop us) travels encoded.
+      {"nul", nul},
+      {"nul key", makeDictionary({{*nul.getString(), nul}})},
+      {"deep", deep},
   });
 }
 
@@ -352,32 +360,6 @@ TEST_F(IpcTest, OptionsChooseTheObjectPathInterfaceAndMember) {
   IpcReply wrong = connectTo(name_)->sendAndWait(request({{"message", str("echo")}}));
   ASSERT_FALSE(wrong.ok());
   EXPECT_EQ(wrong.error->kind, IpcErrorKind::RemoteError);
-}
-
-// The deepest values the check lets through must not make the bus drop us
-// (it drops a sender whose message nests deeper than 64 containers).
-TEST_F(IpcTest, DeepestCarriableValuesPassTheBus) {
-  auto responder = startResponder(name_, {"--default", "neither"});
-  ASSERT_TRUE(responder);
-  auto connection = connectTo(name_);
-  // 21 dictionary levels (three containers each) with a date (one) inside.
-  PropertyList dictionaries = makeDictionary({{"k", PropertyList::date(7)}});
-  for (int i = 1; i < 21; ++i) dictionaries = makeDictionary({{"k", dictionaries}});
-  // The top dictionary (three), 30 arrays (two each) and a date.
-  PropertyList arrays = makeArray({PropertyList::date(7)});
-  for (int i = 1; i < 30; ++i) arrays = makeArray({arrays});
-  arrays = makeDictionary({{"k", arrays}});
-  // Two dictionaries and 29 arrays: an integer in a variant at depth 64.
-  PropertyList mixed = makeArray({PropertyList::integer(1)});
-  for (int i = 1; i < 29; ++i) mixed = makeArray({mixed});
-  mixed = makeDictionary({{"k", makeDictionary({{"k", mixed}})}});
-  for (const PropertyList& deepest : {dictionaries, arrays, mixed}) {
-    auto object = ipcObjectFromPropertyList(deepest);
-    ASSERT_TRUE(object.has_value());
-    EXPECT_TRUE(connection->sendAndWait(*object).ok());
-    EXPECT_FALSE(ipcObjectFromPropertyList(makeDictionary({{"k", deepest}})).has_value());
-  }
-  EXPECT_TRUE(events().empty());
 }
 
 TEST_F(IpcTest, ConcurrentSynchronousCallersGetTheirOwnReplies) {

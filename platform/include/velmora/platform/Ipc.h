@@ -46,11 +46,12 @@ class DispatchQueue;
 // ---------------------------------------------------------------------------
 // The IPC dictionary form.
 
-// A request or reply dictionary that the bus can carry: a dictionary (at the
-// top) whose strings and keys are valid UTF-8 without NUL, with no none value
-// anywhere and nesting shallow enough for the bus's container-depth limit
-// (kMaxIpcContainerDepth). Immutable and cheap to copy (it shares the
-// PropertyList payload); safe to read from any thread. Only
+// A request or reply dictionary that the bus can carry: a dictionary valid
+// for the binary format (PropertyList::isValidForBinaryFormat) whose own
+// keys hold no NUL. What the bus's natural form cannot hold below them (NUL
+// in strings or keys, nesting beyond kMaxIpcContainerDepth) travels encoded
+// and arrives unchanged (DbusValue.h). Immutable and cheap to copy (it
+// shares the PropertyList payload); safe to read from any thread. Only
 // ipcObjectFromPropertyList() makes one, so holding one proves the check
 // passed.
 class IpcObject {
@@ -68,12 +69,13 @@ class IpcObject {
 // The bus refuses (and drops the sender's whole connection for) a message
 // nested deeper than 64 containers. Every dictionary level costs three (the
 // array, its entry, the variant holding each value), an array two and a date
-// one; the check counts them exactly, so about 21 levels of dictionaries fit.
+// one; the writer counts them exactly and encodes what would go deeper.
 inline constexpr int kMaxIpcContainerDepth = 64;
 
 // Checks value and wraps it. Returns nullopt when value is not a dictionary,
-// holds a string or key with NUL or invalid UTF-8, holds none, or nests too
-// deeply. Pure; any thread; O(size of value). The caller owns the result.
+// is not valid for the binary format (invalid UTF-8, a none inside, nesting
+// beyond PropertyList::kMaxDepth), or has a top-level key with NUL. Pure;
+// any thread; O(size of value). The caller owns the result.
 std::optional<IpcObject> ipcObjectFromPropertyList(const PropertyList& value);
 
 // The dictionary inside object (a copy sharing its payload). Never fails.
