@@ -139,7 +139,7 @@ std::string invalidValueText(std::string_view key, const PropertyList& value) {
   if (const std::string* text = value.getString(); text != nullptr && !velmora::isValidUtf8(*text)) {
     return "NimbrelStore: the value for key " + quoted(key) + " is not valid UTF-8 text";
   }
-  const std::string depth = std::to_string(PropertyList::kMaxDepth);
+  const std::string depth = std::to_string(ZKVRemotePreferencesSource::kMaximumValueDepth);
   return "NimbrelStore: the value for key " + quoted(key) + " is not a property-list value (" +
          "text or a key that is not valid UTF-8, a missing value, or nesting deeper than " + depth + " levels)";
 }
@@ -344,7 +344,7 @@ NimbrelResult NimbrelStore::write(std::string_view key, const PropertyList& valu
   const bool removal = value.isNone();
   std::uint64_t newSize = 0;
   if (!removal) {
-    if (!value.isValidForBinaryFormat()) {
+    if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - ZKVRemotePreferencesSource::kMaximumValueDepth)) {
       return refuse(NimbrelErrorCode::kInvalidValue, key, 0, 0, invalidValueText(key, value));
     }
     const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(value);

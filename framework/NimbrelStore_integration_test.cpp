@@ -16,6 +16,7 @@
 #include "RedirectingIpc.h"
 #include "ScratchEnvironment.h"
 #include "StoreFixtures.h"
+#include "SyncDevices.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Ipc.h"
@@ -393,6 +394,27 @@ TEST_F(NimbrelStoreTest, DebugDescriptionIsOneConsoleLineWithOrWithoutADaemon) {
   store->printDebugDescription();
   // The responder answers with the request's own (empty) user info.
   EXPECT_EQ(console_->lines(), std::vector<std::string>{description + ": {}"});
+}
+
+// Against the real daemon: a value the bus's natural form cannot hold is
+// handed over as it is and holds up no other key; one the store file could
+// not hold is refused when written.
+TEST(NimbrelStoreDaemonTest, AwkwardValuesReachTheDaemonAndHoldUpNoOtherKey) {
+  SyncDevice device("awkward-values");
+  ASSERT_TRUE(device.ok());
+  LibraryOn library(device);
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication("com.example.awkward");
+  PropertyList deepest = str("innermost");  // arrays and dictionaries, as deep as a value may nest
+  for (int i = 0; i < ZKVRemotePreferencesSource::kMaximumValueDepth; ++i) {
+    deepest = i % 2 ? velmora::makeArray({deepest}) : makeDictionary({{"k", deepest}});
+  }
+  const PlistDictionary values = {{"nul", str(std::string("a\0b", 3))}, {std::string("k\0ey", 4), str("v")},
+                                  {"deepest", deepest}, {"good", str("g")}};
+  for (const auto& [key, value] : values) ASSERT_TRUE(store->setObject(key, value).ok()) << key;
+  ASSERT_TRUE(store->synchronize());
+  const PropertyList file = device.storeFile("com.example.awkward");
+  for (const auto& [key, value] : values) EXPECT_EQ(storedValue(file, key), value) << key;
+  EXPECT_FALSE(store->setObject("too deep", velmora::makeArray({deepest})).ok());
 }
 
 }  // namespace

@@ -569,7 +569,8 @@ void ZKVRemotePreferencesSource::setValueForKey(const PropertyList& value, std::
       }
       cache.erase(found);
     } else {
-      if (!value.isValidForBinaryFormat()) {
+      // Deeper values could not be written into the store file, nor handed over.
+      if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - kMaximumValueDepth)) {
         raiseAssertion("NimbrelStore: value is not property-list compatible: " + value.description(), this,
                        __LINE__);
       }

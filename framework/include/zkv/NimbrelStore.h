@@ -98,7 +98,8 @@ inline constexpr NimbrelObserverToken kNoNimbrelObserverToken = 0;
 enum class NimbrelErrorCode : std::uint8_t {
   kInvalidKey,     // empty, or not valid UTF-8
   kKeyTooLong,     // a new key longer than maximumKeyLength() UTF-8 bytes
-  kInvalidValue,   // not a property-list value: invalid UTF-8 text, none inside, nested too deeply
+  kInvalidValue,   // not a property-list value: invalid UTF-8 text, none inside, or nested deeper than
+                   // ZKVRemotePreferencesSource::kMaximumValueDepth
   kTooManyKeys,    // a new key while the store holds maximumKeyCount() keys
   kValueTooLarge,  // the value, serialised, over maximumDataLengthPerKey() bytes
   kTotalTooLarge,  // all values, serialised, over maximumTotalDataLength() bytes

@@ -170,6 +170,11 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
       "ZKVRemotePreferencesSourceDidChangeExternally";
   // A source unused for this long gives its clean cache up under memory pressure.
   static constexpr double kIdleEvictionSeconds = 300.0;
+  // The deepest a value may nest (container levels below it): what still
+  // fits within PropertyList::kMaxDepth inside the store file (its top,
+  // "values", the key's record) and inside a hand-over request (the
+  // envelope, "userinfo", "changes", the record), with room to spare.
+  static constexpr int kMaximumValueDepth = velmora::PropertyList::kMaxDepth - 8;
 
   // --- Creation (the four initialisers). Each returns a new source that the
   // caller owns. The source reads nothing from disk and sends nothing to the
@@ -235,8 +240,9 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // none; only the in-memory cache changes, and an effective change marks the
   // key dirty and raises the generation count. An empty key is ignored and
   // logged. Throws ZKVAssertionFailure, leaving everything as it was, for a
-  // value not valid for the binary property-list format, a key new to the
-  // cache longer than maximumKeyLength() UTF-8 bytes, or a failed copy.
+  // value not valid for the binary property-list format or nested deeper
+  // than kMaximumValueDepth, a key new to the cache longer than
+  // maximumKeyLength() UTF-8 bytes, or a failed copy.
   // Stamps the last-access time (unless the key is empty).
   void setValueForKey(const velmora::PropertyList& value, std::string_view key);
 
