@@ -294,9 +294,12 @@ void ZKVClient::sendMessageReplyHandler(const PropertyList& message, ZKVReplyHan
 
 void ZKVClient::deliverReply(const PropertyList& message, const ZKVReplyHandler& replyHandler,
                              const IpcReply& reply) {
+  // Whatever the outcome, the handler runs: a caller waiting for it (a
+  // completion handler, a registration) must never be left hanging.
   switch (classify(reply)) {
     case Outcome::NoReply:
       if (debugEnabled()) logDebug("no reply sending message %s to ZKV server", messageName(message));
+      replyHandler(transportError(describeIpcError(*reply.error)));
       return;
     case Outcome::ErrorEvent:
       if (debugEnabled()) logDebug("error sending message %s to ZKV server", messageName(message));

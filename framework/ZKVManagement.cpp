@@ -58,8 +58,9 @@ ZKVError posixError(int code, std::string description) {
                   {{std::string(kZKVErrorDescriptionKey), PropertyList::string(std::move(description))}}};
 }
 
-// How long an account request may take before its handler hears ETIMEDOUT:
-// longer than the call timeout, after which the transport gives up itself.
+// How long an account request may take before its handler hears ETIMEDOUT
+// (the transport itself waits as long as the daemon takes): the synchronous
+// call timeout and a few seconds for the daemon's check with the server.
 constexpr auto kAccountPatience = velmora::kDefaultIpcCallTimeout + std::chrono::seconds(5);
 
 // Sends one account message; handler runs once on the main queue with the

@@ -15,7 +15,10 @@
 // - Exactly once. A pending call leaves the table (IpcIo::finish) before its
 //   completion runs, and every way a call can end (reply, timeout, owner
 //   lost, cancel, bus lost, shutdown) goes through finish, so a second ending
-//   finds nothing to complete.
+//   finds nothing to complete. Only synchronous calls have a timeout; an
+//   asynchronous one ends by one of the others. The table stays bounded
+//   while a daemon sits on calls: the bus caps the replies one connection
+//   may await and refuses calls beyond it with an error.
 #include "velmora/platform/Ipc.h"
 
 #include <systemd/sd-bus.h>
@@ -192,7 +195,7 @@ struct PendingCall {
   std::uint64_t id = 0;
   std::uint64_t connectionId = 0;
   sd_bus_slot* slot = nullptr;  // owned; unref cancels the call at the bus library
-  IoThread::TimerId timer = 0;
+  IoThread::TimerId timer = 0;  // 0: none (the call waits for its reply)
   Completion complete;
 };
 
@@ -223,8 +226,10 @@ class IpcIo {
   }
 
   void open(const std::shared_ptr<ConnectionCore>& core);
-  void send(std::uint64_t connectionId, const IpcObject& request, std::chrono::milliseconds timeout,
-            Completion complete);
+  // timeout: how long a synchronous caller waits; nullopt waits for the
+  // reply or for the loss of the connection, the owner or the bus.
+  void send(std::uint64_t connectionId, const IpcObject& request,
+            std::optional<std::chrono::milliseconds> timeout, Completion complete);
   void cancel(std::uint64_t connectionId) { invalidate(connectionId, "the connection was cancelled"); }
 
  private:
@@ -309,8 +314,8 @@ void IpcIo::open(const std::shared_ptr<ConnectionCore>& core) {
   }
 }
 
-void IpcIo::send(std::uint64_t connectionId, const IpcObject& request, std::chrono::milliseconds timeout,
-                 Completion complete) {
+void IpcIo::send(std::uint64_t connectionId, const IpcObject& request,
+                 std::optional<std::chrono::milliseconds> timeout, Completion complete) {
   auto found = connections_.find(connectionId);
   dbusio::Bus* bus = found == connections_.end() ? nullptr : IoThread::instance().findBus(found->second.busId);
   if (bus == nullptr) {
@@ -342,8 +347,13 @@ void IpcIo::send(std::uint64_t connectionId, const IpcObject& request, std::chro
   call->id = nextCallId_++;
   call->connectionId = connectionId;
   call->complete = std::move(complete);
-  const auto backstop = std::chrono::duration_cast<std::chrono::microseconds>(timeout + kBackstopTimeout);
-  r = sd_bus_call_async(bus->bus, &call->slot, m, onReply, call.get(), static_cast<std::uint64_t>(backstop.count()));
+  // Without a timeout of ours, sd-bus's is infinite too (UINT64_MAX; 0
+  // would mean its own 25 s default).
+  const std::uint64_t busTimeout =
+      timeout ? static_cast<std::uint64_t>(
+                    std::chrono::duration_cast<std::chrono::microseconds>(*timeout + kBackstopTimeout).count())
+              : UINT64_MAX;
+  r = sd_bus_call_async(bus->bus, &call->slot, m, onReply, call.get(), busTimeout);
   sd_bus_message_unref(m);
   if (r < 0) {
     call->complete(IpcReply::failure(r == -ENOTCONN || r == -ECONNRESET ? IpcErrorKind::ConnectionInvalid
@@ -352,10 +362,11 @@ void IpcIo::send(std::uint64_t connectionId, const IpcObject& request, std::chro
     return;
   }
   const std::uint64_t callId = call->id;
-  call->timer = IoThread::instance().addTimer(IoThread::Clock::now() + timeout, [this, callId, timeout] {
-    finish(callId, IpcReply::failure(IpcErrorKind::Timeout,
-                                     "no reply within " + std::to_string(timeout.count()) + " ms"));
-  });
+  if (timeout) {
+    call->timer = IoThread::instance().addTimer(IoThread::Clock::now() + *timeout, [this, callId, ms = *timeout] {
+      finish(callId, IpcReply::failure(IpcErrorKind::Timeout, "no reply within " + std::to_string(ms.count()) + " ms"));
+    });
+  }
   connection.calls.insert(callId);
   calls_.emplace(callId, std::move(call));
 }
@@ -558,10 +569,9 @@ class DbusIpcConnection final : public IpcConnection {
       complete(IpcReply::failure(IpcErrorKind::ConnectionInvalid, "the connection is invalid"));
       return;
     }
-    IoThread::instance().post(
-        [id = core_->id(), request, timeout = core_->timeout(), complete = std::move(complete)]() mutable {
-          IpcIo::instance().send(id, request, timeout, std::move(complete));
-        });
+    IoThread::instance().post([id = core_->id(), request, complete = std::move(complete)]() mutable {
+      IpcIo::instance().send(id, request, std::nullopt, std::move(complete));
+    });
   }
 
   IpcReply sendAndWait(const IpcObject& request) override {

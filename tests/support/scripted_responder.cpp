@@ -60,7 +60,7 @@
 //   dbus-error   a bus error reply named [errorName]
 //                (com.vantrel.velmorad.Error.Scripted) with [errorMessage]
 //   silent       no reply at all
-//   delay        echo after [delayMs] milliseconds (200)
+//   delay        echo after [delayMs] (or the "userinfo"'s) milliseconds (200)
 //   exit         exit at once without replying, dropping the connection
 //   odd          a reply of an unusual shape named by [shape]: see oddReply()
 //   unsolicited  echo, then a signal Unsolicited({"note": "unsolicited"}) sent
@@ -256,7 +256,9 @@ const std::map<std::string, Behaviour>& behaviours() {
       {"silent", [](Responder&, sd_bus_message*, const PropertyList&) { return 0; }},
       {"delay",
        [](Responder& self, sd_bus_message* call, const PropertyList& req) {
-         std::uint64_t delay = static_cast<std::uint64_t>(integerOf(req, "delayMs", 200)) * 1000u;
+         const PropertyList* info = req.find("userinfo");
+         const std::int64_t ms = integerOf(req, "delayMs", info != nullptr ? integerOf(*info, "delayMs", 200) : 200);
+         std::uint64_t delay = static_cast<std::uint64_t>(ms) * 1000u;
          self.delayed.push_back({nowMicros() + delay, sd_bus_message_ref(call), echoOf(req)});
          return 0;
        }},

@@ -20,8 +20,9 @@
 //   of both when it sees the invalid event.
 // - Transport outcomes. An IpcReply is read as one of three cases:
 //   a reply (a dictionary arrived); no reply object at all (Timeout: the
-//   daemon never answered within the call timeout; MalformedReply: it
-//   answered with something that is not a dictionary); or an error event
+//   daemon never answered a synchronous request within the call timeout;
+//   MalformedReply: it answered with something that is not a dictionary);
+//   or an error event
 //   (ConnectionInvalid, ConnectionInterrupted, SendFailed, RemoteError: the
 //   road to the daemon failed, e.g. the daemon exited or its name has no
 //   owner and cannot be started, which a fresh connection may mend). Only an
@@ -105,7 +106,7 @@ struct ZKV_EXPORT ZKVError {
 // a ZKVError.
 using ZKVReply = std::variant<std::monostate, velmora::PropertyList, ZKVError>;
 
-// Called at most once, on the main queue, with the outcome of an
+// Called exactly once, on the main queue, with the outcome of an
 // asynchronous request.
 using ZKVReplyHandler = std::function<void(const ZKVReply&)>;
 
@@ -155,14 +156,14 @@ class ZKV_EXPORT ZKVClient : public std::enable_shared_from_this<ZKVClient> {
 
   // Sends the message name with userInfo (none: an empty dictionary) and
   // returns without waiting. replyHandler (required; the client keeps it
-  // until it has run) later runs once on the main queue with: the reply's
-  // "userinfo" value; else a ZKVError built from the reply's "error"
-  // dictionary; else nothing. A transport error gives a ZKVError in
-  // kZKVPOSIXErrorDomain with code 22 (so does a request the transport
-  // cannot carry); when no reply arrives at all (timeout or malformed reply)
-  // the handler is never called. No retry. Hops
-  // synchronously onto queue_; a null name is a fatal assertion; calling
-  // from queue_ aborts.
+  // until it has run) later runs exactly once on the main queue with: the
+  // reply's "userinfo" value; else a ZKVError built from the reply's "error"
+  // dictionary; else nothing. The request waits for its reply however long
+  // the daemon takes; every transport failure (the connection lost or shut
+  // down, the daemon gone, a reply that is no dictionary, a request the
+  // transport cannot carry) gives a ZKVError in kZKVPOSIXErrorDomain with
+  // code 22. No retry. Hops synchronously onto queue_; a null name is a
+  // fatal assertion; calling from queue_ aborts.
   void sendMessageWithNameUserInfoReplyHandler(const char* name, const velmora::PropertyList& userInfo,
                                                ZKVReplyHandler replyHandler);
 

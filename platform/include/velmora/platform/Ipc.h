@@ -17,9 +17,10 @@
 //   in it blocks on user code.
 // - Completion. The I/O thread keeps its own table of pending calls and
 //   completes each one exactly once: with its reply, or with an error when it
-//   times out, when the connection is cancelled, when the service's owner
-//   goes away, when the bus connection closes or when the I/O thread is shut
-//   down.
+//   times out (synchronous calls only: an asynchronous one waits as long as
+//   its reply takes), when the connection is cancelled, when the service's
+//   owner goes away, when the bus connection closes or when the I/O thread
+//   is shut down.
 // - Processes. The I/O thread and its bus connections belong to the process
 //   that started them: a forked child must exec before it uses IPC.
 // - Locks. Each connection has one mutex for its event handler, its resumed
@@ -88,7 +89,7 @@ PropertyList propertyListFromIpcObject(const IpcObject& object);
 enum class IpcErrorKind : std::uint8_t {
   ConnectionInvalid,      // the connection is cancelled or its bus connection closed
   ConnectionInterrupted,  // the service's owner went away before replying
-  Timeout,                // no reply within the connection's call timeout
+  Timeout,                // no reply within the call timeout (sendAndWait() only)
   RemoteError,            // the service answered with an error (name, message)
   MalformedReply,         // the reply's first argument is not a dictionary
   SendFailed,             // the request could not be sent (e.g. too large for the bus)
@@ -144,10 +145,10 @@ struct IpcEvent {
 using IpcEventHandler = std::function<void(const IpcEvent&)>;
 using IpcReplyHandler = std::function<void(IpcReply)>;
 
-// How long a request waits for its reply by default: 25 s, the customary
-// method-call timeout of the bus. It covers activating the daemon and a slow
-// disk flush behind the request, and still turns a wedged daemon into an
-// error the application sees within half a minute.
+// How long a synchronous request waits for its reply by default: 25 s, the
+// customary method-call timeout of the bus. It covers activating the daemon
+// and a slow disk flush behind the request, and still turns a wedged daemon
+// into an error the application sees within half a minute.
 inline constexpr std::chrono::milliseconds kDefaultIpcCallTimeout{25'000};
 
 // ---------------------------------------------------------------------------
@@ -182,7 +183,9 @@ class IpcConnection {
   virtual void send(const IpcObject& request) = 0;
 
   // Sends request; handler runs exactly once on replyQueue (the main queue
-  // when null) with the reply or an error. On a dead connection the error is
+  // when null) with the reply or an error. No timeout applies: the request
+  // waits for its reply, or fails when the connection dies or is cancelled
+  // or the service's owner goes away. On a dead connection the error is
   // queued at once. Never blocks; the connection owns handler until it has
   // run.
   virtual void sendWithReply(const IpcObject& request, std::shared_ptr<DispatchQueue> replyQueue,
@@ -198,8 +201,8 @@ class IpcConnection {
   // resume()), and later sends fail at once. Idempotent; never blocks.
   virtual void cancel() = 0;
 
-  // Sets the call timeout for requests sent from now on; a non-positive value
-  // restores kDefaultIpcCallTimeout. Never blocks.
+  // Sets the call timeout of sendAndWait() requests sent from now on; a
+  // non-positive value restores kDefaultIpcCallTimeout. Never blocks.
   virtual void setCallTimeout(std::chrono::milliseconds timeout) = 0;
 };
 
@@ -225,7 +228,7 @@ struct DbusIpcOptions {
   // Empty: the user's session bus ($DBUS_SESSION_BUS_ADDRESS, else the
   // per-user socket), resolved when the bus is first opened.
   std::string busAddress;
-  std::chrono::milliseconds callTimeout = kDefaultIpcCallTimeout;
+  std::chrono::milliseconds callTimeout = kDefaultIpcCallTimeout;  // of sendAndWait() only
 };
 
 // The session-bus implementation. Cheap to make; all of them share the
