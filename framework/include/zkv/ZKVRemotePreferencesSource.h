@@ -284,12 +284,13 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
 
   // synchronizationWithCompletionHandler: forces the pending registration,
   // then asks the daemon ("trackSynchronizeRemote") to synchronise with the
-  // server now. handler (may be empty: the reply is then dropped) runs once
-  // on the main queue with the reply's "error" entry as it stands (a
-  // PropertyList), a ZKVError, or nothing (success). An empty reply also
-  // makes the next hand-over a forced one. The pending reply keeps the
-  // source alive. Blocks only for the registration queue; returns after the
-  // send.
+  // server now. handler (may be empty: the reply is then dropped) runs
+  // exactly once on the main queue, however long the pass takes, with the
+  // reply's "error" entry as it stands (a PropertyList), a ZKVError (also
+  // when the daemon or the bus goes away first), or nothing (success). An
+  // empty reply also makes the next hand-over a forced one. The pending
+  // reply keeps the source alive. Blocks only for the registration queue;
+  // returns after the send.
   void synchronizationWithCompletionHandler(ZKVReplyHandler handler);
 
   // isInitialSync: whether the last load saw the initial synchronisation
