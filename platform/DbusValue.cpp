@@ -64,15 +64,37 @@ const char* naturalSignature(const PropertyList& v) {
   return nullptr;
 }
 
+// Whether the tree of v weighs at most `left`, which it reduces; the walk
+// stops once it does not, after at most kMaxNaturalWeight / kItemWeight items.
+bool fitsWeight(const PropertyList& v, std::uint64_t& left) {
+  auto take = [&](std::uint64_t w) { return w <= left ? (left -= w, true) : false; };
+  if (!take(kItemWeight + (v.isArray() || v.isDictionary() ? 0 : v.count()))) return false;
+  if (const PlistArray* items = v.getArray()) {
+    for (const PropertyList& item : *items) {
+      if (!fitsWeight(item, left)) return false;
+    }
+  } else if (const PlistDictionary* entries = v.getDictionary()) {
+    for (const auto& [key, item] : *entries) {
+      if (!take(kItemWeight + key.size()) || !fitsWeight(item, left)) return false;
+    }
+  }
+  return true;
+}
+
 // Writes checked values (valid for the binary format) into one message.
 // `depth` is the container depth of the variant that holds a value, the
 // variant counted. Every variant is kept at most kEncodedDepth short of the
 // bus's limit, so that an encoded value fits wherever a natural one does
-// not. The walk of natural values is bounded by the weight budget, and
-// weights are measured once per shared payload.
+// not. A message whose whole tree fits the weight budget (the usual case,
+// found by one bounded walk) is written without weighing; otherwise each
+// container is weighed before it is written naturally, once per shared
+// payload, which bounds the natural walk.
 class Writer {
  public:
-  explicit Writer(sd_bus_message* m) : m_(m) {}
+  Writer(sd_bus_message* m, const PropertyList& whole) : m_(m) {
+    std::uint64_t left = kMaxNaturalWeight;
+    weigh_ = !fitsWeight(whole, left);
+  }
 
   // dict as a{sv}, its array one level below depth.
   int appendDictionary(const PlistDictionary& dict, int depth) {
@@ -100,9 +122,9 @@ class Writer {
       case PlistType::String:
         return v.getString()->find('\0') == std::string::npos;
       case PlistType::Array:  // av: the array, then a variant per element
-        return depth + 2 + kEncodedDepth <= kMaxIpcContainerDepth && weight(v) <= budget_;
+        return depth + 2 + kEncodedDepth <= kMaxIpcContainerDepth && (!weigh_ || weight(v) <= budget_);
       case PlistType::Dictionary: {  // a{sv}: the array, the entry, the variant
-        if (depth + 3 + kEncodedDepth > kMaxIpcContainerDepth || weight(v) > budget_) return false;
+        if (depth + 3 + kEncodedDepth > kMaxIpcContainerDepth || (weigh_ && weight(v) > budget_)) return false;
         for (const auto& entry : *v.getDictionary()) {
           if (!isCarriableKey(entry.first)) return false;
         }
@@ -191,6 +213,7 @@ class Writer {
   }
 
   sd_bus_message* const m_;
+  bool weigh_ = true;                                        // whether containers are weighed before writing
   std::uint64_t budget_ = kMaxNaturalWeight;                 // natural weight still allowed
   std::unordered_map<const void*, std::uint64_t> weights_;  // by container payload
 };
@@ -461,13 +484,13 @@ PropertyList propertyListFromIpcObject(const IpcObject& object) { return object.
 
 int appendIpcObject(sd_bus_message* message, const IpcObject& object) {
   // The argument's array is at depth 1, so its values' variants at 3.
-  return Writer(message).appendDictionary(*object.dictionary().getDictionary(), 0);
+  return Writer(message, object.dictionary()).appendDictionary(*object.dictionary().getDictionary(), 0);
 }
 
 int appendDbusVariant(sd_bus_message* message, const PropertyList& value) {
   if (!value.isValidForBinaryFormat()) return -EINVAL;
   // The variant itself is at least one level deep wherever it goes.
-  return Writer(message).appendVariant(value, 1);
+  return Writer(message, value).appendVariant(value, 1);
 }
 
 std::optional<PropertyList> readDbusValue(sd_bus_message* message) {
