@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <charconv>
+#include <cstdlib>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -57,11 +58,23 @@ CREATE TABLE IF NOT EXISTS records (
   origin_device TEXT NOT NULL,
   revision BIGINT NOT NULL,
   size BIGINT NOT NULL,
+  written_at BIGINT NOT NULL DEFAULT 0,
   PRIMARY KEY (account_id, store, key));
 CREATE INDEX IF NOT EXISTS records_by_revision ON records (account_id, store, revision);
+CREATE INDEX IF NOT EXISTS records_deleted ON records (account_id, store, revision) WHERE deleted;
+CREATE TABLE IF NOT EXISTS server_state (token_generation BIGINT NOT NULL);
+INSERT INTO server_state SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM server_state);
 )sql";
 
-#define RECORD_COLUMNS "key, value, gzipped, timestamp, deleted, origin_device, revision, size"
+// What a version 1 database needs besides kSchema: its deletion records
+// count as written now.
+constexpr const char* kMigrateFrom1 = R"sql(
+ALTER TABLE records ADD COLUMN written_at BIGINT NOT NULL DEFAULT 0;
+UPDATE records SET written_at = extract(epoch FROM now())::bigint - 978307200 WHERE deleted;
+UPDATE schema_info SET version = 2;
+)sql";
+
+#define RECORD_COLUMNS "key, value, gzipped, timestamp, deleted, origin_device, revision, size, written_at"
 
 // The prepared statements every pool connection carries.
 struct PreparedSql {
@@ -72,16 +85,32 @@ constexpr PreparedSql kStatements[] = {
     {"account_add", "INSERT INTO accounts (name, token_hash) VALUES ($1, $2) RETURNING id"},
     {"account_by_hash", "SELECT id, name FROM accounts WHERE token_hash = $1"},
     {"account_revision", "SELECT revision FROM accounts WHERE id = $1"},
+    {"account_replace_token",
+     "WITH a AS (UPDATE accounts SET token_hash = $2 WHERE name = $1 RETURNING id),"
+     " g AS (UPDATE server_state SET token_generation = token_generation + 1 WHERE EXISTS (SELECT 1 FROM a))"
+     " SELECT id FROM a"},
+    {"token_generation", "SELECT token_generation FROM server_state"},
     {"account_lock",
-     "SELECT a.revision, coalesce(s.live_keys, 0), coalesce(s.data_sum, 0) FROM accounts a"
+     "SELECT a.revision, coalesce(s.live_keys, 0), coalesce(s.data_sum, 0), s.store IS NOT NULL FROM accounts a"
      " LEFT JOIN stores s ON s.account_id = a.id AND s.store = $2 WHERE a.id = $1 FOR UPDATE OF a"},
     {"record_get", "SELECT " RECORD_COLUMNS " FROM records WHERE account_id = $1 AND store = $2 AND key = $3"},
     {"record_put",
-     "INSERT INTO records (account_id, store, key, value, gzipped, timestamp, deleted, origin_device, revision, size)"
-     " VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10)"
+     "INSERT INTO records (account_id, store, key, value, gzipped, timestamp, deleted, origin_device, revision, size,"
+     " written_at) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)"
      " ON CONFLICT (account_id, store, key) DO UPDATE SET value = excluded.value, gzipped = excluded.gzipped,"
      " timestamp = excluded.timestamp, deleted = excluded.deleted, origin_device = excluded.origin_device,"
-     " revision = excluded.revision, size = excluded.size"},
+     " revision = excluded.revision, size = excluded.size, written_at = excluded.written_at"},
+    {"store_count", "SELECT count(*) FROM stores WHERE account_id = $1"},
+    {"deleted_count", "SELECT count(*) FROM records WHERE account_id = $1 AND store = $2 AND deleted"},
+    {"deleted_drop_oldest",
+     "DELETE FROM records WHERE account_id = $1 AND store = $2 AND key = (SELECT key FROM records"
+     " WHERE account_id = $1 AND store = $2 AND deleted ORDER BY revision LIMIT 1) RETURNING key"},
+    {"prune_accounts", "SELECT DISTINCT account_id FROM records WHERE deleted AND written_at < $1"},
+    {"prune_lock", "SELECT id FROM accounts WHERE id = $1 FOR UPDATE"},
+    {"prune_records", "DELETE FROM records WHERE account_id = $1 AND deleted AND written_at < $2"},
+    {"prune_stores",
+     "DELETE FROM stores s WHERE s.account_id = $1 AND s.live_keys = 0 AND NOT EXISTS (SELECT 1 FROM records r"
+     " WHERE r.account_id = s.account_id AND r.store = s.store)"},
     // The store's usage, the account's revision and the other nodes' notice, in one round trip.
     {"store_finish",
      "WITH s AS (INSERT INTO stores (account_id, store, revision, live_keys, data_sum) VALUES ($1, $2, $3, $4, $5)"
@@ -136,6 +165,7 @@ class PgResult {
     record.originDevice = text(row, 5);
     record.revision = integer(row, 6);
     record.size = integer(row, 7);
+    record.writtenAt = integer(row, 8);
     return record;
   }
 
@@ -279,6 +309,57 @@ class PostgresStorage final : public Storage {
       if (found->rows() == 0) return std::optional<Account>();
       return std::optional<Account>(Account{found->integer(0, 0), found->text(0, 1)});
     });
+  }
+
+  Result<Done> replaceTokenHash(const std::string& name, const std::string& tokenHash) override {
+    return withConnection<Done>([&](PGconn* conn) -> Result<Done> {
+      Result<PgResult> replaced = runPrepared(conn, "account_replace_token", {param(name), param(tokenHash)});
+      if (!replaced) return Result<Done>::failure(replaced.error());
+      if (replaced->rows() == 0) return Result<Done>::failure("no account named \"" + name + "\"");
+      return Done{};
+    });
+  }
+
+  Result<std::int64_t> tokenGeneration() override {
+    return withConnection<std::int64_t>([&](PGconn* conn) -> Result<std::int64_t> {
+      Result<PgResult> generation = runPrepared(conn, "token_generation", {});
+      if (!generation) return Result<std::int64_t>::failure(generation.error());
+      if (generation->rows() != 1) return Result<std::int64_t>::failure("postgres: no token generation");
+      return generation->integer(0, 0);
+    });
+  }
+
+  Result<std::int64_t> pruneDeletions(std::int64_t writtenBefore) override {
+    using R = Result<std::int64_t>;
+    using Ids = std::vector<std::int64_t>;
+    Result<Ids> accounts = withConnection<Ids>([&](PGconn* conn) -> Result<Ids> {
+      Result<PgResult> rows = runPrepared(conn, "prune_accounts", {param(writtenBefore)});
+      if (!rows) return Result<Ids>::failure(rows.error());
+      Ids ids;
+      for (int i = 0; i < rows->rows(); ++i) ids.push_back(rows->integer(i, 0));
+      return ids;
+    });
+    if (!accounts) return R::failure(accounts.error());
+    std::int64_t pruned = 0;
+    for (const std::int64_t account : accounts.value()) {
+      // Under the account's lock, like a push, one account per transaction.
+      Result<std::int64_t> removed = withConnection<std::int64_t>([&](PGconn* conn) -> R {
+        if (Result<Done> begun = runSimple(conn, "BEGIN"); !begun) return R::failure(begun.error());
+        Result<PgResult> locked = runPrepared(conn, "prune_lock", {param(account)});
+        Result<PgResult> records =
+            locked ? runPrepared(conn, "prune_records", {param(account), param(writtenBefore)}) : std::move(locked);
+        Result<PgResult> stores = records ? runPrepared(conn, "prune_stores", {param(account)}) : std::move(records);
+        Result<Done> committed = stores ? runSimple(conn, "COMMIT") : Result<Done>::failure(stores.error());
+        if (!committed) {
+          runSimple(conn, "ROLLBACK");
+          return R::failure(committed.error());
+        }
+        return std::atoll(PQcmdTuples(records->raw()));
+      });
+      if (!removed) return removed;
+      pruned += removed.value();
+    }
+    return pruned;
   }
 
   Result<UpdateOutcome> updateStore(std::int64_t accountId, const std::string& store, const std::string& device,
@@ -468,8 +549,10 @@ class PostgresStorage final : public Storage {
   class Transaction final : public BasicStoreTransaction {
    public:
     Transaction(PGconn* conn, std::int64_t accountId, const std::string& store, std::int64_t revision,
-                StoreUsage usage)
-        : BasicStoreTransaction(revision, usage), conn_(conn), accountId_(accountId), store_(store) {}
+                StoreUsage usage, bool exists)
+        : BasicStoreTransaction(revision, usage, exists), conn_(conn), accountId_(accountId), store_(store) {}
+
+    Result<std::int64_t> storeCount() override { return count("store_count", {param(accountId_)}); }
 
    protected:
     Result<std::optional<RecordRow>> loadRecord(const std::string& key) override {
@@ -484,12 +567,33 @@ class PostgresStorage final : public Storage {
       Result<PgResult> written = runPrepared(
           conn_, "record_put",
           {param(accountId_), param(store_), param(row.key), bytesParam(row.value), param(row.gzipped),
-           param(row.timestamp), param(row.deleted), param(row.originDevice), param(row.revision), param(row.size)});
+           param(row.timestamp), param(row.deleted), param(row.originDevice), param(row.revision), param(row.size),
+           param(row.writtenAt)});
       if (!written) return Result<Done>::failure(written.error());
       return Done{};
     }
 
+    Result<std::int64_t> countDeletedRecords() override {
+      return count("deleted_count", {param(accountId_), param(store_)});
+    }
+
+    Result<std::optional<std::string>> deleteOldestDeletedRecord() override {
+      using R = Result<std::optional<std::string>>;
+      Result<PgResult> dropped = runPrepared(conn_, "deleted_drop_oldest", {param(accountId_), param(store_)});
+      if (!dropped) return R::failure(dropped.error());
+      if (dropped->rows() == 0) return std::optional<std::string>();
+      return std::optional<std::string>(dropped->text(0, 0));
+    }
+
    private:
+    // The count(*) a prepared statement yields.
+    Result<std::int64_t> count(const char* statement, const std::vector<Param>& params) {
+      Result<PgResult> counted = runPrepared(conn_, statement, params);
+      if (!counted) return Result<std::int64_t>::failure(counted.error());
+      if (counted->rows() != 1) return Result<std::int64_t>::failure("postgres: no count");
+      return counted->integer(0, 0);
+    }
+
     PGconn* conn_;
     const std::int64_t accountId_;
     const std::string& store_;
@@ -504,7 +608,8 @@ class PostgresStorage final : public Storage {
     if (!locked) return R::failure(locked.error());
     if (locked->rows() == 0) return R::failure("no account " + std::to_string(accountId));
     const std::int64_t revision = locked->integer(0, 0);
-    Transaction transaction(conn, accountId, store, revision, {locked->integer(0, 1), locked->integer(0, 2)});
+    Transaction transaction(conn, accountId, store, revision, {locked->integer(0, 1), locked->integer(0, 2)},
+                            locked->boolean(0, 3));
     if (!body(transaction)) return R::failure("aborted");
     if (transaction.writes() == 0) return UpdateOutcome{revision, 0};
 
@@ -620,6 +725,8 @@ Result<Done> ensureSchema(PGconn* conn) {
     if (Result<Done> inserted = runSimple(conn, insert.c_str()); !inserted) return fail(inserted.error());
   } else if (std::atoi(PQgetvalue(version.raw(), 0, 0)) > kSchemaVersion) {
     return fail(std::string("the database holds a newer schema (") + PQgetvalue(version.raw(), 0, 0) + ")");
+  } else if (std::atoi(PQgetvalue(version.raw(), 0, 0)) == 1) {
+    if (Result<Done> migrated = runSimple(conn, kMigrateFrom1); !migrated) return fail(migrated.error());
   }
   return runSimple(conn, "COMMIT");
 }

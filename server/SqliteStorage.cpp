@@ -1,8 +1,13 @@
 // SqliteStorage (see SqliteStorage.h for the design note).
 #include "SqliteStorage.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -36,11 +41,23 @@ CREATE TABLE IF NOT EXISTS records (
   origin_device TEXT NOT NULL,
   revision INTEGER NOT NULL,
   size INTEGER NOT NULL,
+  written_at INTEGER NOT NULL DEFAULT 0,
   PRIMARY KEY (account_id, store, key)) WITHOUT ROWID;
 CREATE INDEX IF NOT EXISTS records_by_revision ON records (account_id, store, revision);
+CREATE INDEX IF NOT EXISTS records_deleted ON records (account_id, store, revision) WHERE deleted;
+CREATE TABLE IF NOT EXISTS server_state (token_generation INTEGER NOT NULL);
+INSERT INTO server_state SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM server_state);
 )sql";
 
-constexpr const char* kRecordColumns = "key, value, gzipped, timestamp, deleted, origin_device, revision, size";
+// Brings a version 1 database up to version 2 (before kSchema runs): its
+// deletion records count as written now.
+constexpr const char* kMigrateFrom1 = R"sql(
+ALTER TABLE records ADD COLUMN written_at INTEGER NOT NULL DEFAULT 0;
+UPDATE records SET written_at = strftime('%s', 'now') - 978307200 WHERE deleted;
+)sql";
+
+constexpr const char* kRecordColumns =
+    "key, value, gzipped, timestamp, deleted, origin_device, revision, size, written_at";
 
 // A prepared statement borrowed from the connection's cache; reset and
 // unbound when it goes out of scope.
@@ -88,6 +105,7 @@ class Statement {
     row.originDevice = text(first + 5);
     row.revision = integer(first + 6);
     row.size = integer(first + 7);
+    row.writtenAt = integer(first + 8);
     return row;
   }
 
@@ -108,20 +126,24 @@ class SqliteStorage final : public Storage {
       return false;
     }
     sqlite3_busy_timeout(db_, 10000);
-    Statement version(prepare("PRAGMA user_version"));
-    if (!version.valid() || version.step() != SQLITE_ROW) {
-      *error = lastError();
-      return false;
-    }
-    if (version.integer(0) > kSchemaVersion) {
-      *error = "the database holds a newer schema (" + std::to_string(version.integer(0)) + ")";
-      return false;
-    }
+    // The version is read inside the write transaction: two processes
+    // opening an old file at once migrate it once.
     if (!exec("BEGIN IMMEDIATE")) {
       *error = lastError();
       return false;
     }
-    if (!exec(kSchema) || !exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()) || !exec("COMMIT")) {
+    std::int64_t version = -1;
+    {
+      Statement select(prepare("PRAGMA user_version"));
+      if (select.valid() && select.step() == SQLITE_ROW) version = select.integer(0);
+    }
+    if (version < 0 || version > kSchemaVersion) {
+      *error = version < 0 ? lastError() : "the database holds a newer schema (" + std::to_string(version) + ")";
+      exec("ROLLBACK");
+      return false;
+    }
+    const std::string setVersion = "PRAGMA user_version=" + std::to_string(kSchemaVersion);
+    if ((version == 1 && !exec(kMigrateFrom1)) || !exec(kSchema) || !exec(setVersion.c_str()) || !exec("COMMIT")) {
       *error = lastError();
       exec("ROLLBACK");
       return false;
@@ -150,6 +172,67 @@ class SqliteStorage final : public Storage {
     if (rc == SQLITE_DONE) return std::optional<Account>();
     if (rc != SQLITE_ROW) return R::failure(lastError());
     return std::optional<Account>(Account{select.integer(0), select.text(1)});
+  }
+
+  Result<Done> replaceTokenHash(const std::string& name, const std::string& tokenHash) override {
+    std::lock_guard lock(mutex_);
+    if (!exec("BEGIN IMMEDIATE")) return Result<Done>::failure(lastError());
+    Statement update(prepare("UPDATE accounts SET token_hash = ? WHERE name = ?"));
+    std::string error;
+    if (!update.valid() || update.bind(1, tokenHash).bind(2, name).step() != SQLITE_DONE) {
+      error = lastError();
+    } else if (sqlite3_changes(db_) == 0) {
+      error = "no account named \"" + name + "\"";
+    } else if (!exec("UPDATE server_state SET token_generation = token_generation + 1") || !exec("COMMIT")) {
+      error = lastError();
+    }
+    if (error.empty()) return Done{};
+    exec("ROLLBACK");
+    return Result<Done>::failure(error);
+  }
+
+  Result<std::int64_t> tokenGeneration() override {
+    std::lock_guard lock(mutex_);
+    Statement select(prepare("SELECT token_generation FROM server_state"));
+    if (!select.valid() || select.step() != SQLITE_ROW) return Result<std::int64_t>::failure(lastError());
+    return select.integer(0);
+  }
+
+  Result<std::int64_t> pruneDeletions(std::int64_t writtenBefore) override {
+    using R = Result<std::int64_t>;
+    std::vector<std::int64_t> accounts;
+    {
+      std::lock_guard lock(mutex_);
+      Statement select(prepare("SELECT DISTINCT account_id FROM records WHERE deleted AND written_at < ?"));
+      if (!select.valid()) return R::failure(lastError());
+      select.bind(1, writtenBefore);
+      int rc;
+      while ((rc = select.step()) == SQLITE_ROW) accounts.push_back(select.integer(0));
+      if (rc != SQLITE_DONE) return R::failure(lastError());
+    }
+    std::int64_t pruned = 0;
+    for (std::int64_t account : accounts) {
+      // One account per transaction, so that pushes wait for no more than that.
+      std::lock_guard lock(mutex_);
+      if (!exec("BEGIN IMMEDIATE")) return R::failure(lastError());
+      Statement records(prepare("DELETE FROM records WHERE account_id = ? AND deleted AND written_at < ?"));
+      Statement stores(prepare(
+          "DELETE FROM stores WHERE account_id = ? AND live_keys = 0 AND NOT EXISTS (SELECT 1 FROM records r"
+          " WHERE r.account_id = stores.account_id AND r.store = stores.store)"));
+      if (!records.valid() || records.bind(1, account).bind(2, writtenBefore).step() != SQLITE_DONE) {
+        const std::string error = lastError();
+        exec("ROLLBACK");
+        return R::failure(error);
+      }
+      const int removed = sqlite3_changes(db_);
+      if (!stores.valid() || stores.bind(1, account).step() != SQLITE_DONE || !exec("COMMIT")) {
+        const std::string error = lastError();
+        exec("ROLLBACK");
+        return R::failure(error);
+      }
+      pruned += removed;
+    }
+    return pruned;
   }
 
   Result<UpdateOutcome> updateStore(std::int64_t accountId, const std::string& store, const std::string& device,
@@ -225,8 +308,12 @@ class SqliteStorage final : public Storage {
   class Transaction final : public BasicStoreTransaction {
    public:
     Transaction(SqliteStorage& owner, std::int64_t accountId, const std::string& store, std::int64_t revision,
-                StoreUsage usage)
-        : BasicStoreTransaction(revision, usage), owner_(owner), accountId_(accountId), store_(store) {}
+                StoreUsage usage, bool exists)
+        : BasicStoreTransaction(revision, usage, exists), owner_(owner), accountId_(accountId), store_(store) {}
+
+    Result<std::int64_t> storeCount() override {
+      return owner_.count("SELECT count(*) FROM stores WHERE account_id = ?", accountId_, nullptr);
+    }
 
    protected:
     Result<std::optional<RecordRow>> loadRecord(const std::string& key) override {
@@ -245,16 +332,37 @@ class SqliteStorage final : public Storage {
     Result<Done> writeRecord(const RecordRow& row) override {
       Statement upsert(owner_.prepare(
           "INSERT INTO records (account_id, store, key, value, gzipped, timestamp, deleted, origin_device,"
-          " revision, size) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " revision, size, written_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
           " ON CONFLICT (account_id, store, key) DO UPDATE SET value = excluded.value,"
           " gzipped = excluded.gzipped, timestamp = excluded.timestamp, deleted = excluded.deleted,"
-          " origin_device = excluded.origin_device, revision = excluded.revision, size = excluded.size"));
+          " origin_device = excluded.origin_device, revision = excluded.revision, size = excluded.size,"
+          " written_at = excluded.written_at"));
       if (!upsert.valid()) return Result<Done>::failure(owner_.lastError());
       upsert.bind(1, accountId_).bind(2, store_).bind(3, row.key).bindBlob(4, row.value);
       upsert.bind(5, std::int64_t{row.gzipped}).bind(6, row.timestamp).bind(7, std::int64_t{row.deleted});
-      upsert.bind(8, row.originDevice).bind(9, row.revision).bind(10, row.size);
+      upsert.bind(8, row.originDevice).bind(9, row.revision).bind(10, row.size).bind(11, row.writtenAt);
       if (upsert.step() != SQLITE_DONE) return Result<Done>::failure(owner_.lastError());
       return Done{};
+    }
+
+    Result<std::int64_t> countDeletedRecords() override {
+      return owner_.count("SELECT count(*) FROM records WHERE account_id = ? AND store = ? AND deleted", accountId_,
+                          &store_);
+    }
+
+    Result<std::optional<std::string>> deleteOldestDeletedRecord() override {
+      using R = Result<std::optional<std::string>>;
+      Statement remove(owner_.prepare(
+          "DELETE FROM records WHERE account_id = ?1 AND store = ?2 AND key = (SELECT key FROM records"
+          " WHERE account_id = ?1 AND store = ?2 AND deleted ORDER BY revision LIMIT 1) RETURNING key"));
+      if (!remove.valid()) return R::failure(owner_.lastError());
+      remove.bind(1, accountId_).bind(2, store_);
+      const int rc = remove.step();
+      if (rc == SQLITE_DONE) return std::optional<std::string>();
+      if (rc != SQLITE_ROW) return R::failure(owner_.lastError());
+      std::optional<std::string> key = remove.text(0);
+      if (remove.step() != SQLITE_DONE) return R::failure(owner_.lastError());
+      return key;
     }
 
    private:
@@ -270,6 +378,7 @@ class SqliteStorage final : public Storage {
     Result<std::int64_t> revision = revisionLocked(accountId);
     if (!revision) return R::failure(revision.error());
     StoreUsage usage;
+    bool exists = false;
     {
       Statement select(prepare("SELECT live_keys, data_sum FROM stores WHERE account_id = ? AND store = ?"));
       if (!select.valid()) return R::failure(lastError());
@@ -277,8 +386,9 @@ class SqliteStorage final : public Storage {
       const int rc = select.step();
       if (rc == SQLITE_ROW) usage = {select.integer(0), select.integer(1)};
       else if (rc != SQLITE_DONE) return R::failure(lastError());
+      exists = rc == SQLITE_ROW;
     }
-    Transaction transaction(*this, accountId, store, revision.value(), usage);
+    Transaction transaction(*this, accountId, store, revision.value(), usage, exists);
     if (!body(transaction)) return R::failure("aborted");
     if (transaction.writes() == 0) return UpdateOutcome{revision.value(), 0};
 
@@ -320,6 +430,16 @@ class SqliteStorage final : public Storage {
     return stmt;
   }
 
+  // The single integer sql yields with the account (and store) bound. mutex_ held.
+  Result<std::int64_t> count(const char* sql, std::int64_t accountId, const std::string* store) {
+    Statement select(prepare(sql));
+    if (!select.valid()) return Result<std::int64_t>::failure(lastError());
+    select.bind(1, accountId);
+    if (store != nullptr) select.bind(2, *store);
+    if (select.step() != SQLITE_ROW) return Result<std::int64_t>::failure(lastError());
+    return select.integer(0);
+  }
+
   bool exec(const char* sql) { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
   std::string lastError() const { return std::string("sqlite: ") + sqlite3_errmsg(db_); }
 
@@ -328,9 +448,35 @@ class SqliteStorage final : public Storage {
   std::map<const char*, sqlite3_stmt*> statements_;        // guarded by mutex_, keyed by the SQL's address
 };
 
+// Creates path 0600 when missing and takes the group and other bits from it
+// and from a -wal, -shm or -journal beside it (left by an older server):
+// they hold every account's data and token hashes. SQLite gives the files
+// it makes later the main file's mode, whatever the umask. False with
+// *error when a file cannot be opened or restricted.
+bool restrictToOwner(const std::string& path, std::string* error) {
+  if (path.empty() || path == ":memory:" || path.rfind("file:", 0) == 0) return true;
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    const std::string file = path + suffix;
+    const bool main = suffix[0] == '\0';
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | (main ? O_CREAT : 0), 0600);
+    if (fd < 0 && !main && errno == ENOENT) continue;
+    struct stat status {};
+    const bool ok = fd >= 0 && ::fstat(fd, &status) == 0 &&
+                    ((status.st_mode & 077) == 0 || ::fchmod(fd, status.st_mode & 0700) == 0);
+    const int saved = errno;
+    if (fd >= 0) ::close(fd);
+    if (!ok) {
+      *error = "cannot make " + file + " readable by its owner only: " + std::strerror(saved);
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 std::unique_ptr<Storage> openSqliteStorage(const std::string& path, std::string* error) {
+  if (!restrictToOwner(path, error)) return nullptr;
   sqlite3* db = nullptr;
   const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                                  nullptr);

@@ -23,9 +23,10 @@
 namespace velmora::server {
 
 // Opens the SQLite database at path (":memory:" for a private in-memory one),
-// creating the file (mode 0600 by the umask of the caller) and the schema
-// when missing. nullptr with *error set when it cannot be opened or holds a
-// newer schema. Blocks on file I/O.
+// creating the file (mode 0600, whatever the umask) and the schema when
+// missing, and taking the group and other bits from the file and its -wal
+// and -shm. nullptr with *error set when it cannot be opened or restricted,
+// or holds a newer schema. Blocks on file I/O.
 std::unique_ptr<Storage> openSqliteStorage(const std::string& path, std::string* error);
 
 }  // namespace velmora::server

@@ -70,7 +70,8 @@ struct RecordRow {
   bool deleted = false;
   std::string originDevice;
   std::int64_t revision = 0;   // assigned by put()
-  std::int64_t size = 0;       // uncompressed serialised length the limits count; 0 for a deletion
+  std::int64_t size = 0;       // length the limits count (see SyncCore); 0 for a deletion
+  std::int64_t writtenAt = 0;  // server clock when written, whole seconds since 2001
 
   bool operator==(const RecordRow&) const = default;
 };
@@ -128,6 +129,21 @@ class StoreTransaction {
   // Never blocks.
   virtual StoreUsage usage() const = 0;
 
+  // Whether the store had a row before this transaction. Never blocks.
+  virtual bool storeExists() const = 0;
+
+  // How many stores the account has. Failure when the database failed.
+  // Blocks on the database.
+  virtual Result<std::int64_t> storeCount() = 0;
+
+  // How many deletion records the store holds, including this transaction's
+  // puts. Failure when the database failed. Blocks on the database (once).
+  virtual Result<std::int64_t> deletedKeys() = 0;
+
+  // Removes the store's deletion record with the lowest revision, if any.
+  // Failure when the database failed. Blocks on the database.
+  virtual Result<Done> dropOldestDeletion() = 0;
+
   // Writes row (its revision ignored) as the key's newest version at the
   // account's next revision and returns that revision; failure when the
   // database failed. Blocks on the database.
@@ -145,6 +161,20 @@ class Storage {
   // The account whose token hashes to tokenHash; nullopt when none. Failure
   // only when the database failed. Blocks.
   virtual Result<std::optional<Account>> accountForTokenHash(const std::string& tokenHash) = 0;
+
+  // Gives the account name the token hashing to tokenHash in place of its
+  // old one and bumps the token generation, in one transaction. Failure when
+  // there is no such account or the database failed. Blocks.
+  virtual Result<Done> replaceTokenHash(const std::string& name, const std::string& tokenHash) = 0;
+
+  // A number that changes whenever any account's token was replaced. Blocks.
+  virtual Result<std::int64_t> tokenGeneration() = 0;
+
+  // Removes every deletion record written before writtenBefore (server
+  // clock), and the stores left without any record, one account per
+  // transaction under the account's lock. Returns how many records went;
+  // failure when the database failed (what was pruned stays pruned). Blocks.
+  virtual Result<std::int64_t> pruneDeletions(std::int64_t writtenBefore) = 0;
 
   // Runs body in one transaction on store of account accountId, holding the
   // account's lock (see the design note). Commits when body returns true,
