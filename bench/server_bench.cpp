@@ -129,7 +129,8 @@ void BM_IdleWatchStreams(benchmark::State& state) {
       velmora::testing::ChildProcess::start({VELMORA_SERVER_PATH, "account", "add", "bench", "--sqlite", db});
   std::optional<std::string> token = add ? add->readLine(10s) : std::nullopt;
   std::unique_ptr<velmora::testing::ChildProcess> server = velmora::testing::ChildProcess::start(
-      {VELMORA_SERVER_PATH, "serve", "--listen", "127.0.0.1:0", "--sqlite", db});
+      {VELMORA_SERVER_PATH, "serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-watches",
+       std::to_string(kWatchStreams + 1)});
   std::optional<std::string> line = server ? server->readLine(20s) : std::nullopt;
   std::smatch match;
   if (!token || !line || !std::regex_match(*line, match, std::regex("listening on (.*)"))) {

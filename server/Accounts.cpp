@@ -64,4 +64,18 @@ Result<std::string> addAccount(Storage& storage, const std::string& name) {
   return token;
 }
 
+Result<std::string> replaceToken(Storage& storage, const std::string& name) {
+  Result<std::string> token = generateToken();
+  if (!token) return token;
+  Result<Done> replaced = storage.replaceTokenHash(name, hashToken(token.value()));
+  if (!replaced) return Result<std::string>::failure(replaced.error());
+  return token;
+}
+
+Result<Done> revokeToken(Storage& storage, const std::string& name) {
+  Result<std::string> discarded = replaceToken(storage, name);
+  if (!discarded) return Result<Done>::failure(discarded.error());
+  return Done{};
+}
+
 }  // namespace velmora::server

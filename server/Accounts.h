@@ -28,4 +28,14 @@ std::optional<std::string_view> bearerToken(std::string_view authorization);
 // storage failed. Blocks on the storage.
 Result<std::string> addAccount(Storage& storage, const std::string& name);
 
+// Gives the account name a fresh token and returns it (shown once); the old
+// one stops working for every call from now on, and the nodes end its open
+// watches within about a second. Failure when there is no such account or
+// the storage failed. Blocks on the storage.
+Result<std::string> replaceToken(Storage& storage, const std::string& name);
+
+// Replaces the account's token with one nobody is shown: its devices are
+// shut out until it gets a token again. Failure as for replaceToken().
+Result<Done> revokeToken(Storage& storage, const std::string& name);
+
 }  // namespace velmora::server

@@ -36,6 +36,7 @@ class DeviceSyncServiceTest : public ::testing::Test {
     bobToken_ = bob.value();
     NodeOptions options;
     options.limits.maxKeyCount = 7;
+    options.maxWatches = 3;
     options.clock = [] { return testing::kNow; };
     node_ = SyncNode::start(*storage_, options, &error);
     ASSERT_NE(node_, nullptr) << error;
@@ -89,7 +90,46 @@ TEST_F(DeviceSyncServiceTest, EveryCallNeedsItsAccountsToken) {
     pb::WatchNotice notice;
     EXPECT_FALSE(reader->Read(&notice));
     EXPECT_EQ(reader->Finish().error_code(), expected);
+    // Turned away before its message is read, even one past the size
+    // allowed to accounts (which would fail with RESOURCE_EXHAUSTED).
+    pb::PushRequest huge = pushOf("app", "dev", {valueRecord("k", std::string(9 << 20, 'h'), 100)});
+    EXPECT_EQ(anonymous.stub().Push(context().get(), huge, &pushReply).error_code(), expected);
   }
+}
+
+TEST_F(DeviceSyncServiceTest, AReplacedTokenEndsItsWatchesWhichAreCappedPerAccount) {
+  TokenClient alice = client(aliceToken_);
+  TokenClient bob = client(bobToken_);
+  std::vector<OpenWatch> watches;
+  for (int i = 0; i < 3; ++i) {
+    watches.push_back(openWatch(alice, "dev"));
+    ASSERT_TRUE(watches.back().next());
+  }
+  OpenWatch over = openWatch(alice, "dev");
+  EXPECT_FALSE(over.next());
+  EXPECT_EQ(over.reader->Finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  OpenWatch bobs = openWatch(bob, "dev");
+  ASSERT_TRUE(bobs.next());
+
+  // Replaced by another process, as the command line does: the old token's
+  // watches end, its calls fail, the new one works until it is revoked.
+  std::string error;
+  std::unique_ptr<Storage> tool = openSqliteStorage(directory_.file("sync.sqlite"), &error);
+  ASSERT_NE(tool, nullptr) << error;
+  Result<std::string> fresh = replaceToken(*tool, "alice");
+  ASSERT_TRUE(fresh.ok()) << fresh.error();
+  for (OpenWatch& watch : watches) {
+    EXPECT_FALSE(watch.next());
+    EXPECT_EQ(watch.reader->Finish().error_code(), grpc::StatusCode::UNAUTHENTICATED);
+  }
+  pb::PushReply reply;
+  EXPECT_EQ(alice.push(pushOf("app", "dev", {}), &reply).error_code(), grpc::StatusCode::UNAUTHENTICATED);
+  TokenClient renewed = client(fresh.value());
+  EXPECT_TRUE(renewed.push(pushOf("app", "dev", {}), &reply).ok());
+  ASSERT_TRUE(revokeToken(*tool, "alice").ok());
+  EXPECT_EQ(renewed.push(pushOf("app", "dev", {}), &reply).error_code(), grpc::StatusCode::UNAUTHENTICATED);
+  ASSERT_TRUE(bob.push(pushOf("app", "dev", {valueRecord("k", "v", 100)}), &reply).ok());
+  EXPECT_TRUE(bobs.next()) << "another account's watch ended";
 }
 
 TEST_F(DeviceSyncServiceTest, WatchSendsTheRevisionThenEachChangeOfItsOwnAccount) {

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <map>
 #include <optional>
+#include <set>
 
 #include "Accounts.h"
 #include "velmora/platform/Environment.h"
@@ -33,10 +34,11 @@ bool validName(const std::string& name, bool mayBeEmpty) {
   return name.size() <= kMaxNameBytes && name.find('\0') == std::string::npos;
 }
 
-// The first gzip member of input decompressed, as the toolkit's
-// ZKVCopyUngzippedDataForData reads it, but giving up once the output passes
-// limit bytes: a small gzip stream may inflate a thousandfold, and the
-// server must not let one request allocate that. Sets *tooLarge then.
+// input, one gzip member and nothing after it, decompressed, but giving up
+// once the output passes limit bytes: a small gzip stream may inflate a
+// thousandfold, and the server must not let one request allocate that. Sets
+// *tooLarge then; nullopt also when bytes follow the member (the toolkit
+// would read only the first, and the rest would be stored unmeasured).
 std::optional<std::string> gunzipBounded(const std::string& input, std::size_t limit, bool* tooLarge) {
   *tooLarge = false;
   z_stream stream{};
@@ -57,8 +59,9 @@ std::optional<std::string> gunzipBounded(const std::string& input, std::size_t l
       break;
     }
   } while (result == Z_OK);
+  const bool trailing = stream.avail_in != 0;
   inflateEnd(&stream);
-  if (*tooLarge || result != Z_STREAM_END) return std::nullopt;
+  if (*tooLarge || result != Z_STREAM_END || trailing) return std::nullopt;
   return output;
 }
 
@@ -74,6 +77,10 @@ pb::Record toMessage(const RecordRow& row) {
   return record;
 }
 
+// What a record adds to a PullReply beyond its own encoding: the field tag
+// and the length prefix.
+constexpr std::size_t kRecordFraming = 8;
+
 // Whether a pushed record carries exactly what is stored (a retried push).
 bool sameContent(const pb::Record& record, const RecordRow& stored) {
   if (record.timestamp() != stored.timestamp || record.deleted() != stored.deleted) return false;
@@ -82,6 +89,14 @@ bool sameContent(const pb::Record& record, const RecordRow& stored) {
 
 }  // namespace
 
+bool recordFitsPullPage(const Limits& limits) {
+  // Besides key, value and device name: the other fields, tags and length
+  // prefixes, well within 64 bytes.
+  constexpr auto kBudget = static_cast<std::int64_t>(kPullByteBudget - kRecordFraming - kMaxNameBytes - 64);
+  return limits.maxKeyNameLen <= kBudget && limits.maxKeyDataLen <= kBudget &&
+         limits.maxKeyNameLen + limits.maxKeyDataLen <= kBudget;
+}
+
 Clock systemClock() {
   return [] { return static_cast<std::int64_t>(std::floor(velmora::currentEnvironment().absoluteTime())); };
 }
@@ -89,12 +104,18 @@ Clock systemClock() {
 // ---------------------------------------------------------------------------
 // WatchHub
 
-bool WatchHub::add(std::int64_t accountId, std::shared_ptr<Subscriber> subscriber) {
+WatchHub::Added WatchHub::add(std::int64_t accountId, const std::string& tokenHash,
+                              std::shared_ptr<Subscriber> subscriber) {
   std::lock_guard lock(mutex_);
-  if (closed_) return false;
-  streams_[accountId].push_back(std::move(subscriber));
+  if (closed_) return Added::kClosed;
+  std::vector<Stream>& list = streams_[accountId];
+  if (list.size() >= maxPerAccount_) {
+    if (list.empty()) streams_.erase(accountId);
+    return Added::kFull;
+  }
+  list.push_back({std::move(subscriber), tokenHash});
   ++count_;
-  return true;
+  return Added::kYes;
 }
 
 void WatchHub::remove(std::int64_t accountId, const Subscriber* subscriber) {
@@ -102,7 +123,8 @@ void WatchHub::remove(std::int64_t accountId, const Subscriber* subscriber) {
   auto found = streams_.find(accountId);
   if (found == streams_.end()) return;
   auto& list = found->second;
-  auto it = std::find_if(list.begin(), list.end(), [subscriber](const auto& s) { return s.get() == subscriber; });
+  auto it = std::find_if(list.begin(), list.end(),
+                         [subscriber](const Stream& s) { return s.subscriber.get() == subscriber; });
   if (it == list.end()) return;
   *it = std::move(list.back());
   list.pop_back();
@@ -110,25 +132,46 @@ void WatchHub::remove(std::int64_t accountId, const Subscriber* subscriber) {
   if (list.empty()) streams_.erase(found);
 }
 
-void WatchHub::publish(std::int64_t accountId, const pb::WatchNotice& notice) {
+std::vector<std::shared_ptr<WatchHub::Subscriber>> WatchHub::select(const std::int64_t* accountId,
+                                                                     const std::string* tokenHash) const {
   std::vector<std::shared_ptr<Subscriber>> targets;
-  {
-    std::lock_guard lock(mutex_);
-    auto found = streams_.find(accountId);
-    if (found == streams_.end()) return;
-    targets = found->second;
+  auto take = [&](const std::vector<Stream>& list) {
+    for (const Stream& stream : list) {
+      if (tokenHash == nullptr || stream.tokenHash == *tokenHash) targets.push_back(stream.subscriber);
+    }
+  };
+  std::lock_guard lock(mutex_);
+  if (accountId == nullptr) {
+    for (const auto& [account, list] : streams_) take(list);
+  } else if (auto found = streams_.find(*accountId); found != streams_.end()) {
+    take(found->second);
   }
-  for (const auto& target : targets) target->deliver(notice);
+  return targets;
+}
+
+void WatchHub::publish(std::int64_t accountId, const pb::WatchNotice& notice) {
+  for (const auto& target : select(&accountId, nullptr)) target->deliver(notice);
 }
 
 void WatchHub::closeAll(const grpc::Status& status, bool refuseNew) {
-  std::vector<std::shared_ptr<Subscriber>> targets;
-  {
+  if (refuseNew) {
     std::lock_guard lock(mutex_);
-    if (refuseNew) closed_ = true;
-    for (const auto& [account, list] : streams_) targets.insert(targets.end(), list.begin(), list.end());
+    closed_ = true;
   }
-  for (const auto& target : targets) target->close(status);
+  for (const auto& target : select(nullptr, nullptr)) target->close(status);
+}
+
+std::vector<std::pair<std::int64_t, std::string>> WatchHub::tokens() const {
+  std::set<std::pair<std::int64_t, std::string>> distinct;
+  std::lock_guard lock(mutex_);
+  for (const auto& [account, list] : streams_) {
+    for (const Stream& stream : list) distinct.emplace(account, stream.tokenHash);
+  }
+  return {distinct.begin(), distinct.end()};
+}
+
+void WatchHub::closeToken(std::int64_t accountId, const std::string& tokenHash, const grpc::Status& status) {
+  for (const auto& target : select(&accountId, &tokenHash)) target->close(status);
 }
 
 std::size_t WatchHub::size() const {
@@ -139,17 +182,36 @@ std::size_t WatchHub::size() const {
 // ---------------------------------------------------------------------------
 // SyncCore
 
-SyncCore::SyncCore(Storage& storage, WatchHub& hub, Limits limits, Clock clock)
-    : storage_(storage), hub_(hub), limits_(limits), clock_(std::move(clock)) {}
+SyncCore::SyncCore(Storage& storage, WatchHub& hub, Limits limits, Clock clock, std::int64_t maxStores)
+    : storage_(storage), hub_(hub), limits_(limits), clock_(std::move(clock)), maxStores_(maxStores) {}
 
-grpc::Status SyncCore::authenticate(std::string_view authorization, Account* account) {
+grpc::Status SyncCore::authenticate(std::string_view authorization, Account* account, std::string* tokenHash) {
   std::optional<std::string_view> token = bearerToken(authorization);
   if (!token) return grpc::Status(grpc::StatusCode::UNAUTHENTICATED, "expected \"authorization: Bearer <token>\"");
-  Result<std::optional<Account>> found = storage_.accountForTokenHash(hashToken(*token));
+  std::string hash = hashToken(*token);
+  Result<std::optional<Account>> found = storage_.accountForTokenHash(hash);
   if (!found) return storageFailure("account lookup", found.error());
   if (!found.value()) return grpc::Status(grpc::StatusCode::UNAUTHENTICATED, "unknown token");
   *account = *found.value();
+  if (tokenHash != nullptr) *tokenHash = std::move(hash);
   return grpc::Status::OK;
+}
+
+void SyncCore::revalidateWatches() {
+  for (const auto& [accountId, tokenHash] : hub_.tokens()) {
+    Result<std::optional<Account>> found = storage_.accountForTokenHash(tokenHash);
+    if (!found) {
+      storageFailure("account lookup", found.error());
+      hub_.closeToken(accountId, tokenHash, grpc::Status(grpc::StatusCode::UNAVAILABLE, "storage failed, try again"));
+    } else if (!found.value() || found.value()->id != accountId) {
+      hub_.closeToken(accountId, tokenHash,
+                      grpc::Status(grpc::StatusCode::UNAUTHENTICATED, "the token was revoked or replaced"));
+    }
+  }
+}
+
+Result<std::int64_t> SyncCore::pruneDeletions(std::int64_t retention) {
+  return storage_.pruneDeletions(clock_() - retention);
 }
 
 bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, const std::string& device,
@@ -166,7 +228,8 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
   if (record.timestamp() == 0) return refuse(pb::PushResult::REFUSED_INVALID, "the timestamp is 0");
 
   // The value must be a timestamped serialised value of the record's own
-  // timestamp; its uncompressed length is what the limits count.
+  // timestamp; its uncompressed length, or the bytes stored when more, is
+  // what the limits count.
   std::int64_t size = 0;
   if (!record.deleted()) {
     std::optional<std::string> plain;
@@ -181,7 +244,7 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
         if (stored.value()) *result->mutable_winner() = toMessage(*stored.value());
         return refuse(pb::PushResult::REFUSED_LIMIT, "the value is larger than max_key_data_len");
       }
-      if (!plain) return refuse(pb::PushResult::REFUSED_INVALID, "the value is not a gzip stream");
+      if (!plain) return refuse(pb::PushResult::REFUSED_INVALID, "the value is not one gzip stream alone");
       serialised = &*plain;
     }
     std::int64_t inner = 0;
@@ -192,7 +255,7 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
     if (inner != record.timestamp()) {
       return refuse(pb::PushResult::REFUSED_INVALID, "the record's timestamp differs from its value's");
     }
-    size = static_cast<std::int64_t>(serialised->size());
+    size = static_cast<std::int64_t>(std::max(serialised->size(), record.value().size()));
   }
 
   Result<std::optional<RecordRow>> loaded = transaction.record(record.key());
@@ -211,15 +274,16 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
     result->set_status(pb::PushResult::ACCEPTED);
     return true;
   }
+  const bool live = stored && !stored->deleted;
+  // A deletion of a key the store does not hold adds a name like a write.
+  if (!live && static_cast<std::int64_t>(record.key().size()) > limits_.maxKeyNameLen) {
+    return refuse(pb::PushResult::REFUSED_LIMIT, "the key is longer than max_key_name_len");
+  }
   if (!record.deleted()) {
     const StoreUsage usage = transaction.usage();
-    const bool live = stored && !stored->deleted;
     const std::int64_t oldSize = live ? stored->size : 0;
     if (size > limits_.maxKeyDataLen) {
       return refuse(pb::PushResult::REFUSED_LIMIT, "the value is larger than max_key_data_len");
-    }
-    if (!live && static_cast<std::int64_t>(record.key().size()) > limits_.maxKeyNameLen) {
-      return refuse(pb::PushResult::REFUSED_LIMIT, "the key is longer than max_key_name_len");
     }
     if (!live && usage.liveKeys >= limits_.maxKeyCount) {
       return refuse(pb::PushResult::REFUSED_LIMIT, "the store holds max_key_count keys");
@@ -228,6 +292,11 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
     if (size > oldSize && usage.dataSum - oldSize + size > limits_.maxKeyDataSum) {
       return refuse(pb::PushResult::REFUSED_LIMIT, "the store would pass max_key_data_sum");
     }
+  } else if (!stored || !stored->deleted) {
+    // One more deletion record: the store keeps max_key_count of them.
+    Result<std::int64_t> deleted = transaction.deletedKeys();
+    if (!deleted) return false;
+    if (deleted.value() >= limits_.maxKeyCount && !transaction.dropOldestDeletion()) return false;
   }
 
   RecordRow row;
@@ -240,6 +309,7 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
   row.timestamp = record.timestamp();
   row.originDevice = record.origin_device().empty() ? device : record.origin_device();
   row.size = size;
+  row.writtenAt = now;
   Result<std::int64_t> revision = transaction.put(row);
   if (!revision) return false;
   row.revision = revision.value();
@@ -257,16 +327,28 @@ grpc::Status SyncCore::push(const Account& account, const pb::PushRequest& reque
     return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT,
                         "more than " + std::to_string(kMaxRecordsPerPush) + " records in one push");
   }
+  std::set<std::string_view> keys;
   for (const pb::Record& record : request.records()) {
     if (!validName(record.origin_device(), true)) {
       return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "bad origin device name");
     }
+    // Each result may carry the stored record: a key repeated would repeat
+    // up to a whole value in the reply.
+    if (!keys.insert(record.key()).second) {
+      return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "a key appears twice in one push");
+    }
   }
   const std::int64_t now = clock_();
-  std::string failure;
+  bool tooManyStores = false;
   Result<UpdateOutcome> outcome =
       storage_.updateStore(account.id, request.store(), request.device(), [&](StoreTransaction& transaction) {
         reply->clear_results();
+        if (!transaction.storeExists()) {
+          Result<std::int64_t> stores = transaction.storeCount();
+          if (!stores) return false;
+          tooManyStores = stores.value() >= maxStores_;
+          if (tooManyStores) return false;
+        }
         for (const pb::Record& record : request.records()) {
           if (!decide(transaction, record, request.device(), now, reply->add_results())) return false;
         }
@@ -274,6 +356,10 @@ grpc::Status SyncCore::push(const Account& account, const pb::PushRequest& reque
       });
   if (!outcome) {
     reply->Clear();
+    if (tooManyStores) {
+      return grpc::Status(grpc::StatusCode::FAILED_PRECONDITION,
+                          "the account holds " + std::to_string(maxStores_) + " stores, the most this server keeps");
+    }
     return storageFailure("push to " + request.store(), outcome.error());
   }
   reply->set_revision(outcome->accountRevision);
@@ -294,15 +380,27 @@ grpc::Status SyncCore::pull(const Account& account, const pb::PullRequest& reque
                                         limit);
   if (!page) return storageFailure("pull from " + request.store(), page.error());
   std::size_t bytes = 0;
+  std::int64_t consumed = 0;  // revision of the last record sent or skipped
   for (const RecordRow& row : page->records) {
-    if (reply->records_size() > 0 && bytes + row.value.size() > kPullByteBudget) {
+    pb::Record record = toMessage(row);
+    const std::size_t size = record.ByteSizeLong() + kRecordFraming;
+    if (size > kPullByteBudget) {
+      // Larger than any device receives (stored by an older server, or
+      // under larger limits): sending it would stop the store for good.
+      log().logf(LogLevel::Error, "pull from %s: skipped the record at revision %lld, %zu bytes",
+                 request.store().c_str(), static_cast<long long>(row.revision), size);
+      consumed = row.revision;
+      continue;
+    }
+    if (bytes + size > kPullByteBudget) {
       // The rest waits for the next page.
-      reply->set_revision(reply->records(reply->records_size() - 1).revision());
+      reply->set_revision(consumed);
       reply->set_complete(false);
       return grpc::Status::OK;
     }
-    bytes += row.value.size();
-    *reply->add_records() = toMessage(row);
+    bytes += size;
+    consumed = row.revision;
+    *reply->add_records() = std::move(record);
   }
   reply->set_revision(page->cursor);
   reply->set_complete(page->complete);
@@ -346,17 +444,37 @@ class WatchReactor final : public grpc::ServerWriteReactor<pb::WatchNotice>,
   WatchReactor(WatchHub& hub, std::int64_t accountId) : hub_(hub), accountId_(accountId) {}
 
   // Registers with the hub and sends the first notice; ends the stream
-  // instead when the hub is closed or the revision cannot be read.
-  static void open(const std::shared_ptr<WatchReactor>& self, SyncCore& core, const Account& account) {
+  // instead when the hub is closed or full, the token no longer names the
+  // account, or the revision cannot be read.
+  static void open(const std::shared_ptr<WatchReactor>& self, SyncCore& core, const Account& account,
+                   const std::string& authorization, const std::string& tokenHash) {
     self->self_ = self;
     // Registered before the revision is read, so no change in between is
     // lost; notices that arrive before the first one wait behind it.
-    if (!core.hub().add(account.id, self)) {
-      self->close(grpc::Status(grpc::StatusCode::UNAVAILABLE, "the server is shutting down"));
+    switch (core.hub().add(account.id, tokenHash, self)) {
+      case WatchHub::Added::kYes:
+        break;
+      case WatchHub::Added::kClosed:
+        self->close(grpc::Status(grpc::StatusCode::UNAVAILABLE, "the server is shutting down"));
+        return;
+      case WatchHub::Added::kFull:
+        self->close(grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED,
+                                 "the account has as many open watches as this server allows (--max-watches)"));
+        return;
+    }
+    // Checked again now that the stream is registered: a token replaced
+    // after this finds the stream through revalidateWatches().
+    Account again;
+    grpc::Status status = core.authenticate(authorization, &again);
+    if (status.ok() && again.id != account.id) {
+      status = grpc::Status(grpc::StatusCode::UNAUTHENTICATED, "the token was revoked or replaced");
+    }
+    if (!status.ok()) {
+      self->close(status);
       return;
     }
     std::int64_t revision = 0;
-    grpc::Status status = core.accountRevision(account, &revision);
+    status = core.accountRevision(account, &revision);
     if (!status.ok()) {
       self->close(status);
       return;
@@ -488,13 +606,16 @@ bool DeviceSyncService::waitUntilIdle(std::chrono::steady_clock::time_point dead
   return callsIdle_.wait_until(lock, deadline, [this] { return calls_ == 0; });
 }
 
-grpc::Status DeviceSyncService::authenticate(const grpc::ServerContextBase& context, Account* account) {
+grpc::Status DeviceSyncService::authenticate(const grpc::ServerContextBase& context, Account* account,
+                                             std::string* authorization, std::string* tokenHash) {
   const auto& metadata = context.client_metadata();
   auto found = metadata.find("authorization");
   if (found == metadata.end()) {
     return grpc::Status(grpc::StatusCode::UNAUTHENTICATED, "expected \"authorization: Bearer <token>\"");
   }
-  return core_.authenticate(std::string_view(found->second.data(), found->second.size()), account);
+  const std::string_view value(found->second.data(), found->second.size());
+  if (authorization != nullptr) *authorization = value;
+  return core_.authenticate(value, account, tokenHash);
 }
 
 grpc::Status DeviceSyncService::Push(grpc::ServerContext* context, const pb::PushRequest* request,
@@ -537,10 +658,12 @@ grpc::Status DeviceSyncService::GetLimits(grpc::ServerContext* context, const pb
 grpc::ServerWriteReactor<pb::WatchNotice>* DeviceSyncService::Watch(grpc::CallbackServerContext* context,
                                                                     const pb::WatchRequest*) {
   Account account;
-  grpc::Status status = authenticate(*context, &account);
+  std::string authorization;
+  std::string tokenHash;
+  grpc::Status status = authenticate(*context, &account, &authorization, &tokenHash);
   if (!status.ok()) return new RefusedWatch(status);
   auto reactor = std::make_shared<WatchReactor>(core_.hub(), account.id);
-  WatchReactor::open(reactor, core_, account);
+  WatchReactor::open(reactor, core_, account, authorization, tokenHash);
   return reactor.get();
 }
 

@@ -18,8 +18,19 @@
 // - Limits, checked only for records that would win: a value over
 //   max_key_data_len, a new live key over max_key_name_len or
 //   max_key_count, or a growth past max_key_data_sum is refused
-//   (REFUSED_LIMIT, with the stored record). Sizes are the uncompressed
-//   timestamped serialised length; deletions count nothing and always fit.
+//   (REFUSED_LIMIT, with the stored record). A value's size is the larger of
+//   its uncompressed timestamped serialised length and the bytes stored, so
+//   a gzip stream cannot carry more than the limits allow; anything after
+//   the stream is refused. Deletions count nothing, but a deletion of a key
+//   the store does not hold passes the key checks like a write, and a store
+//   keeps at most max_key_count deletion records (the oldest go first);
+//   older ones than the retention are pruned by the node.
+// - Accounts hold at most maxStores stores: a push that would start one more
+//   fails whole with FAILED_PRECONDITION (which devices take as one store's
+//   trouble, not as the server being away).
+// - Pull pages carry at most kPullByteBudget bytes of encoded records, below
+//   the 4 MiB a device's channel receives, and always make progress: a
+//   record too large for any page (stored by an older server) is skipped.
 // - Watch fan-out. WatchHub maps accounts to their open streams (mutex_).
 //   publish() copies the account's streams under the mutex and delivers
 //   outside it: a delivery may start a write whose completion gRPC runs on
@@ -27,6 +38,11 @@
 //   it. Each stream keeps at most one write in flight and coalesces waiting
 //   notices per store (the newest revision wins), so a slow reader costs at
 //   most one notice per store.
+// - Tokens. Every unary call looks its token up. A watch looks it up again
+//   once registered, and when any token is replaced the node asks
+//   revalidateWatches() to end the streams whose token no longer names
+//   their account (UNAUTHENTICATED). An account has at most maxWatches open
+//   watches on a node (RESOURCE_EXHAUSTED beyond).
 // - Waiting order: WatchHub::mutex_, then a stream's mutex, never the
 //   reverse; no gRPC call is made while either is held.
 #pragma once
@@ -42,6 +58,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Storage.h"
@@ -65,12 +82,22 @@ inline constexpr std::int64_t kMaxFutureSeconds = 300;
 inline constexpr std::size_t kMaxNameBytes = 255;
 // At most this many records in one push.
 inline constexpr int kMaxRecordsPerPush = 4096;
-// Pull pages: the default and largest record counts, and the value bytes a
-// page carries at most (always at least one record), which keeps replies
-// under the clients' default 4 MiB message limit.
+// Pull pages: the default and largest record counts, and the encoded bytes
+// a page carries at most (always at least one record), which keeps replies
+// under the devices' 4 MiB receive limit (gRPC's default, which velmorad
+// keeps).
 inline constexpr int kDefaultPullLimit = 500;
 inline constexpr int kMaxPullLimit = 1000;
 inline constexpr std::size_t kPullByteBudget = 3u << 20;
+// The per-account bounds' defaults: stores, open watches per node, and how
+// long deletion records are kept (seconds).
+inline constexpr std::int64_t kDefaultMaxStores = 256;
+inline constexpr std::size_t kDefaultMaxWatches = 64;
+inline constexpr std::int64_t kDefaultDeletionRetention = 30 * 86400;
+
+// Whether a record at the limits (value, key name, device name) fits in one
+// pull page; a node refuses limits that do not. Pure.
+bool recordFitsPullPage(const Limits& limits);
 
 // Wall-clock whole seconds since 2001-01-01 00:00:00 UTC. Must be callable
 // from any thread.
@@ -92,9 +119,15 @@ class WatchHub {
     virtual void close(const grpc::Status& status) = 0;
   };
 
-  // Registers subscriber for accountId's notices. Returns false (registering
-  // nothing) once closeAll(…, true) has run.
-  bool add(std::int64_t accountId, std::shared_ptr<Subscriber> subscriber);
+  enum class Added { kYes, kClosed, kFull };
+
+  // At most maxPerAccount streams per account.
+  explicit WatchHub(std::size_t maxPerAccount = kDefaultMaxWatches) : maxPerAccount_(maxPerAccount) {}
+
+  // Registers subscriber for accountId's notices, opened with the token
+  // whose hash is tokenHash. Registers nothing and returns kClosed once
+  // closeAll(…, true) has run, kFull when the account has maxPerAccount.
+  Added add(std::int64_t accountId, const std::string& tokenHash, std::shared_ptr<Subscriber> subscriber);
   // Unregisters subscriber; unknown ones are ignored.
   void remove(std::int64_t accountId, const Subscriber* subscriber);
   // Delivers notice to every stream of accountId (see the design note).
@@ -102,12 +135,24 @@ class WatchHub {
   // Closes every open stream with status; with refuseNew, later add() calls
   // fail too (shutdown).
   void closeAll(const grpc::Status& status, bool refuseNew);
+  // The distinct (account, token hash) pairs of the open streams.
+  std::vector<std::pair<std::int64_t, std::string>> tokens() const;
+  // Closes accountId's streams opened with tokenHash.
+  void closeToken(std::int64_t accountId, const std::string& tokenHash, const grpc::Status& status);
   // Open streams, for tests and benchmarks.
   std::size_t size() const;
 
  private:
+  struct Stream {
+    std::shared_ptr<Subscriber> subscriber;
+    std::string tokenHash;
+  };
+  // The streams of accountId opened with tokenHash (all when it is null).
+  std::vector<std::shared_ptr<Subscriber>> select(const std::int64_t* accountId, const std::string* tokenHash) const;
+
+  const std::size_t maxPerAccount_;
   mutable std::mutex mutex_;
-  std::unordered_map<std::int64_t, std::vector<std::shared_ptr<Subscriber>>> streams_;  // guarded by mutex_
+  std::unordered_map<std::int64_t, std::vector<Stream>> streams_;  // guarded by mutex_
   std::size_t count_ = 0;                                                               // guarded by mutex_
   bool closed_ = false;                                                                 // guarded by mutex_
 };
@@ -117,17 +162,19 @@ class WatchHub {
 // must outlive it.
 class SyncCore {
  public:
-  SyncCore(Storage& storage, WatchHub& hub, Limits limits, Clock clock);
+  SyncCore(Storage& storage, WatchHub& hub, Limits limits, Clock clock,
+           std::int64_t maxStores = kDefaultMaxStores);
 
-  // The account an "authorization" metadata value names. UNAUTHENTICATED
-  // when it is missing, malformed or unknown; UNAVAILABLE when the storage
-  // failed.
-  grpc::Status authenticate(std::string_view authorization, Account* account);
+  // The account an "authorization" metadata value names, and the hash of
+  // its token when tokenHash is given. UNAUTHENTICATED when it is missing,
+  // malformed or unknown; UNAVAILABLE when the storage failed.
+  grpc::Status authenticate(std::string_view authorization, Account* account, std::string* tokenHash = nullptr);
 
   // Applies a push (see the design note) and fills reply with one result per
-  // record in request order. INVALID_ARGUMENT for a bad store or device name
-  // or too many records; UNAVAILABLE when the storage failed (nothing was
-  // stored). Publishes a watch notice when anything was written.
+  // record in request order. INVALID_ARGUMENT for a bad store or device name,
+  // too many records or a key given twice; FAILED_PRECONDITION when the push
+  // would start a store past maxStores; UNAVAILABLE when the storage failed
+  // (nothing was stored). Publishes a watch notice when anything was written.
   grpc::Status push(const Account& account, const pb::PushRequest& request, pb::PushReply* reply);
 
   // One page of the store's records changed after request.since_revision.
@@ -139,6 +186,15 @@ class SyncCore {
 
   // The account's current revision, for a watch's first notice.
   grpc::Status accountRevision(const Account& account, std::int64_t* revision);
+
+  // Ends the watches whose token no longer names their account
+  // (UNAUTHENTICATED), or every watch of a token that could not be looked
+  // up (UNAVAILABLE: the device comes back and is checked again).
+  void revalidateWatches();
+
+  // Removes the deletion records written more than retention seconds ago;
+  // how many went, or the storage's failure.
+  Result<std::int64_t> pruneDeletions(std::int64_t retention);
 
   const Limits& limits() const noexcept { return limits_; }
   WatchHub& hub() noexcept { return hub_; }
@@ -153,6 +209,7 @@ class SyncCore {
   WatchHub& hub_;          // borrowed; thread-safe
   const Limits limits_;    // immutable
   const Clock clock_;      // immutable
+  const std::int64_t maxStores_;  // immutable
 };
 
 // The gRPC service for devices over a SyncCore it borrows. Thread-safe.
@@ -177,7 +234,9 @@ class DeviceSyncService final : public pb::DeviceSync::WithCallbackMethod_Watch<
   // Counts a unary call for waitUntilIdle() while it lives.
   class CallScope;
 
-  grpc::Status authenticate(const grpc::ServerContextBase& context, Account* account);
+  // The call's account; its "authorization" value and token hash too when asked.
+  grpc::Status authenticate(const grpc::ServerContextBase& context, Account* account,
+                            std::string* authorization = nullptr, std::string* tokenHash = nullptr);
 
   SyncCore& core_;  // borrowed; thread-safe
   std::mutex callsMutex_;

@@ -3,7 +3,10 @@
 // pushes through several nodes, and (PostgreSQL) notices between nodes.
 #include "SyncService.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -169,18 +172,21 @@ TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
   pb::Record mismatch = valueRecord("mismatch", "v", 100);
   mismatch.set_timestamp(101);
   pb::Record nul = valueRecord(std::string("a\0b", 3), "v", 100);
-  pb::PushReply reply = push(pushOf("app", "dev", {empty, zero, garbage, falseGzip, mismatch, nul,
+  pb::Record trailing = valueRecord("trailing", "v", 100, true);  // stored whole, measured by its first member
+  trailing.mutable_value()->append(std::string(4 << 20, 'j'));
+  pb::PushReply reply = push(pushOf("app", "dev", {empty, zero, garbage, falseGzip, mismatch, nul, trailing,
                                                    valueRecord("soon", "v", kNow + kMaxFutureSeconds),
                                                    valueRecord("later", "v", kNow + kMaxFutureSeconds + 1)}));
   const std::vector<Status> expected = {pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
                                         pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
                                         pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
-                                        pb::PushResult::ACCEPTED,        pb::PushResult::REFUSED_FUTURE};
+                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::ACCEPTED,
+                                        pb::PushResult::REFUSED_FUTURE};
   ASSERT_EQ(reply.results_size(), static_cast<int>(expected.size()));
   for (std::size_t i = 0; i < expected.size(); ++i) {
     EXPECT_EQ(reply.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
   }
-  EXPECT_FALSE(reply.results(7).reason().empty());
+  EXPECT_FALSE(reply.results(8).reason().empty());
 
   // A future write to a key the server has comes back with the stored record.
   pb::PushReply future = push(pushOf("app", "dev", {valueRecord("soon", "v2", kNow + kMaxFutureSeconds + 60)}));
@@ -191,12 +197,14 @@ TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
   ASSERT_EQ(stored.records_size(), 1);
   EXPECT_EQ(stored.records(0).key(), "soon");
 
-  // Bad names refuse the whole call.
+  // Bad names, and a key given twice, refuse the whole call.
   pb::PushReply ignored;
   for (const std::string& store : {std::string(), std::string("a\0b", 3), std::string(kMaxNameBytes + 1, 's')}) {
     EXPECT_EQ(core_->push(alice_, pushOf(store, "dev", {valueRecord("k", "v", 100)}), &ignored).error_code(),
               grpc::StatusCode::INVALID_ARGUMENT);
   }
+  EXPECT_EQ(core_->push(alice_, pushOf("app", "dev", {deletion("k", 100), deletion("k", 101)}), &ignored).error_code(),
+            grpc::StatusCode::INVALID_ARGUMENT);
 }
 
 TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
@@ -214,9 +222,9 @@ TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
   pb::PushReply first = push(pushOf("app", "dev", {valueRecord("a", hundred, 100), valueRecord("longername", ten, 100),
                                                    valueRecord("big", hundred + "h", 100),
                                                    valueRecord("zipped", std::string(4000, 'z'), 100, true),
-                                                   valueRecord("b", hundred, 100), valueRecord("c", hundred, 100),
-                                                   valueRecord("c", ten, 101)}),
+                                                   valueRecord("b", hundred, 100), valueRecord("c", hundred, 100)}),
                              alice_, core.get());
+  *first.add_results() = push(pushOf("app", "dev", {valueRecord("c", ten, 101)}), alice_, core.get()).results(0);
   const std::vector<Status> expected = {pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
                                         pb::PushResult::REFUSED_LIMIT, pb::PushResult::REFUSED_LIMIT,
                                         pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
@@ -227,9 +235,21 @@ TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
   }
   EXPECT_FALSE(first.results(1).has_winner());  // the server has no record of a refused new key
 
-  // A fourth key breaks the count; deleting one makes room.
-  pb::PushReply full = push(pushOf("app", "dev", {valueRecord("d", "x", 100)}), alice_, core.get());
+  // A fourth key breaks the count; deleting one makes room. Deletions of
+  // keys the store does not hold pass the name check, and the store keeps
+  // max_key_count of them, the oldest going first.
+  pb::PushReply full = push(pushOf("app", "dev", {valueRecord("d", "x", 100), deletion(std::string(5000, 'n'), 100),
+                                                  deletion("x1", 100), deletion("x2", 100), deletion("x3", 100),
+                                                  deletion("x4", 100)}),
+                            alice_, core.get());
   EXPECT_EQ(full.results(0).status(), pb::PushResult::REFUSED_LIMIT);
+  EXPECT_EQ(full.results(1).status(), pb::PushResult::REFUSED_LIMIT);
+  std::vector<std::string> deleted;
+  const pb::PullReply stored = pull("app");
+  for (const pb::Record& record : stored.records()) {
+    if (record.deleted()) deleted.push_back(record.key());
+  }
+  EXPECT_EQ(deleted, (std::vector<std::string>{"x2", "x3", "x4"}));
   pb::PushReply room = push(pushOf("app", "dev", {deletion("a", 102), valueRecord("d", "x", 100)}), alice_, core.get());
   EXPECT_EQ(room.results(0).status(), pb::PushResult::ACCEPTED);
   EXPECT_EQ(room.results(1).status(), pb::PushResult::ACCEPTED);
@@ -293,8 +313,8 @@ TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) 
   // its own watchers hear of its writes.
   auto aliceWatch = std::make_shared<RecordingSubscriber>();
   auto bobWatch = std::make_shared<RecordingSubscriber>();
-  ASSERT_TRUE(hub_.add(alice_.id, aliceWatch));
-  ASSERT_TRUE(hub_.add(bob_.id, bobWatch));
+  ASSERT_EQ(hub_.add(alice_.id, "", aliceWatch), WatchHub::Added::kYes);
+  ASSERT_EQ(hub_.add(bob_.id, "", bobWatch), WatchHub::Added::kYes);
   EXPECT_EQ(pull("s1", 0, 0, &bob_).records_size(), 0);
   pb::PushReply bobs = push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
   EXPECT_EQ(bobs.results(0).status(), pb::PushResult::ACCEPTED);
@@ -311,6 +331,60 @@ TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) 
   hub_.remove(alice_.id, aliceWatch.get());
   hub_.remove(bob_.id, bobWatch.get());
   EXPECT_EQ(hub_.size(), 0u);
+}
+
+// What one account may keep, and its token, are bounded alike on both backends.
+TEST_P(SyncServiceTest, AccountsAreBoundedInStoresDeletionsPagesAndTokens) {
+  // Stores: a push that would start a third fails whole; the others go on.
+  std::unique_ptr<SyncCore> two = std::make_unique<SyncCore>(*storage_, hub_, Limits{}, [] { return kNow; }, 2);
+  pb::PushReply reply;
+  for (const char* store : {"s1", "s2", "s3", "s1"}) {
+    grpc::Status status = two->push(alice_, pushOf(store, "dev", {deletion(store + std::string("k"), 100)}), &reply);
+    const bool third = store == std::string("s3");
+    EXPECT_EQ(status.error_code(), third ? grpc::StatusCode::FAILED_PRECONDITION : grpc::StatusCode::OK) << store;
+  }
+  // Deletion records outlive the retention by no more than a prune; a
+  // store left without records goes, making room for another.
+  push(pushOf("s1", "dev", {valueRecord("live", "v", 100)}));
+  std::unique_ptr<SyncCore> later =
+      std::make_unique<SyncCore>(*storage_, hub_, Limits{}, [] { return kNow + 31 * 86400; }, 2);
+  push(pushOf("s1", "dev", {deletion("fresh", 100)}), alice_, later.get());
+  Result<std::int64_t> pruned = later->pruneDeletions(kDefaultDeletionRetention);
+  ASSERT_TRUE(pruned.ok()) << pruned.error();
+  EXPECT_EQ(pruned.value(), 2);
+  pb::PullReply left = pull("s1");
+  ASSERT_EQ(left.records_size(), 2);
+  EXPECT_EQ(left.records(1).key(), "fresh");
+  EXPECT_TRUE(two->push(alice_, pushOf("s4", "dev", {deletion("k", 100)}), &reply).ok());
+
+  // Pages stop short of the bytes a device receives, and skip a record no
+  // device could receive at all.
+  Limits large;
+  large.maxKeyDataLen = large.maxKeyDataSum = 8 << 20;
+  std::unique_ptr<SyncCore> core = makeCore(*storage_, large);
+  push(pushOf("big", "dev", {valueRecord("a", std::string(1200 << 10, 'a'), 100),
+                             valueRecord("b", std::string(1200 << 10, 'b'), 100),
+                             valueRecord("c", std::string(3500 << 10, 'c'), 100),
+                             valueRecord("d", std::string(1200 << 10, 'd'), 100)}),
+       alice_, core.get());
+  std::vector<int> pages;
+  for (std::int64_t since = 0;;) {
+    pb::PullReply page = pull("big", since);
+    EXPECT_LE(page.ByteSizeLong(), kPullByteBudget);
+    pages.push_back(page.records_size());
+    since = page.revision();
+    if (page.complete()) break;
+  }
+  EXPECT_EQ(pages, (std::vector<int>{2, 1}));
+
+  // A replaced token names nobody, and the generation tells every node.
+  Result<std::int64_t> before = storage_->tokenGeneration();
+  ASSERT_TRUE(before.ok()) << before.error();
+  ASSERT_TRUE(storage_->replaceTokenHash("alice", hashToken("new")).ok());
+  EXPECT_FALSE(storage_->replaceTokenHash("nobody", hashToken("other")).ok());
+  EXPECT_FALSE(storage_->accountForTokenHash(hashToken("alice-token")).value());
+  EXPECT_EQ(storage_->accountForTokenHash(hashToken("new")).value()->id, alice_.id);
+  EXPECT_GT(storage_->tokenGeneration().value(), before.value());
 }
 
 TEST_P(SyncServiceTest, ConcurrentPushesThroughSeveralNodesGetDistinctRevisions) {
@@ -366,6 +440,26 @@ INSTANTIATE_TEST_SUITE_P(Backends, SyncServiceTest, ::testing::Values(Backend::S
                          [](const ::testing::TestParamInfo<Backend>& info) {
                            return info.param == Backend::Sqlite ? "Sqlite" : "Postgres";
                          });
+
+// The database holds every account's data and token hashes: its files are
+// the owner's only, also those of a file an older server left readable.
+TEST(SqliteStorageTest, FilesAreReadableByTheirOwnerOnly) {
+  velmora::testing::ScratchDirectory directory("velmora-sqlite-modes");
+  const std::string old = directory.file("old.sqlite");
+  ASSERT_EQ(::close(::open(old.c_str(), O_CREAT | O_WRONLY, 0644)), 0);
+  ASSERT_EQ(::chmod(old.c_str(), 0644), 0);
+  for (const std::string& path : {directory.file("new.sqlite"), old}) {
+    std::string error;
+    std::unique_ptr<Storage> storage = openSqliteStorage(path, &error);
+    ASSERT_NE(storage, nullptr) << error;
+    ASSERT_TRUE(storage->addAccount("a", "h").ok());  // the -wal and -shm exist from here
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+      struct stat status {};
+      ASSERT_EQ(::stat((path + suffix).c_str(), &status), 0) << path << suffix;
+      EXPECT_EQ(status.st_mode & 0777, 0600u) << path << suffix;
+    }
+  }
+}
 
 // Nodes over one PostgreSQL hear of each other's writes, not of their own,
 // and a node that lost the database tells its watchers to start over.

@@ -109,8 +109,11 @@ TEST(VelmoraServerTest, CommandLineRefusesWhatItCannotServeSafely) {
       {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--postgres", "dbname=x"},
       {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-key-count", "0"},
       {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--tls-cert", db},
+      {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-stores", "0"},
+      {"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--keep-deletions", "1d"},
       {"frobnicate"},
       {"account", "add", "--sqlite", db},
+      {"account", "token", "--sqlite", db},
   };
   for (const auto& args : refused) {
     auto [status, line] = runToEnd(args);
@@ -120,6 +123,15 @@ TEST(VelmoraServerTest, CommandLineRefusesWhatItCannotServeSafely) {
   const std::string token = addAccount("alice", {"--sqlite", db});
   EXPECT_EQ(runToEnd({"account", "add", "alice", "--sqlite", db}).first, 1) << "a second alice";
   EXPECT_NE(addAccount("bob", {"--sqlite", db}), token);
+  // A new token for alice, none for bob; nobody has none to replace.
+  auto [status, replaced] = runToEnd({"account", "token", "alice", "--sqlite", db});
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::regex_match(replaced, std::regex("[A-Za-z0-9_-]{43}"))) << replaced;
+  EXPECT_NE(replaced, token);
+  EXPECT_EQ(runToEnd({"account", "revoke", "bob", "--sqlite", db}), std::make_pair(0, std::string()));
+  EXPECT_EQ(runToEnd({"account", "token", "nobody", "--sqlite", db}).first, 1);
+  // Limits that let one record outgrow a pull page are refused.
+  EXPECT_EQ(runToEnd({"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-key-data-len", "4194304"}).first, 1);
 }
 
 TEST(VelmoraServerTest, ServesTlsOffLoopbackWithTheGivenCertificate) {

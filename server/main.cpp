@@ -1,5 +1,6 @@
 // velmora-server: the cross-device sync server. "serve" runs a node in the
-// foreground until SIGTERM or SIGINT; "account add" creates an account.
+// foreground until SIGTERM or SIGINT; "account add", "account token" and
+// "account revoke" create an account and replace or withdraw its token.
 #include <signal.h>
 
 #include <algorithm>
@@ -30,16 +31,24 @@ void printUsage(std::FILE* out) {
                "                       [--tls-cert FILE --tls-key FILE]\n"
                "                       [--max-key-count N] [--max-key-name-len N]\n"
                "                       [--max-key-data-len N] [--max-key-data-sum N]\n"
-               "  velmora-server account add NAME (--sqlite PATH | --postgres CONNINFO)\n"
+               "                       [--max-stores N] [--max-watches N] [--keep-deletions DAYS]\n"
+               "  velmora-server account (add | token | revoke) NAME (--sqlite PATH | --postgres CONNINFO)\n"
                "\n"
                "serve      serves devices on HOST:PORT (port 0 picks a free one) and prints\n"
                "           \"listening on HOST:PORT\" once ready. Plaintext only on a loopback\n"
                "           host; any other host needs --tls-cert and --tls-key (PEM files).\n"
                "           The limits apply to every store (defaults 1024 keys, 64-byte key\n"
-               "           names, 1048576 bytes per value and in all). SIGTERM or SIGINT ends\n"
-               "           the watches, finishes the requests in flight and exits.\n"
+               "           names, 1048576 bytes per value and in all; a value and its key\n"
+               "           must fit in 3 MiB). An account holds at most --max-stores stores\n"
+               "           (default 256) and --max-watches open watches on this node (default\n"
+               "           64); deletion records are kept --keep-deletions days (default 30),\n"
+               "           and at most max-key-count per store. SIGTERM or SIGINT ends the\n"
+               "           watches, finishes the requests in flight and exits.\n"
                "account add  creates the account NAME and prints its token; only a hash of\n"
                "           the token is kept, so it cannot be shown again.\n"
+               "account token  gives NAME a new token and prints it; the old one stops\n"
+               "           working at once, and its open watches end within a second.\n"
+               "account revoke  withdraws NAME's token (as account token, printing none).\n"
                "\n"
                "--sqlite PATH      keep everything in the SQLite file PATH (one node)\n"
                "--postgres CONNINFO  keep everything in PostgreSQL (a libpq connection\n"
@@ -94,8 +103,9 @@ bool readFile(const std::string& path, std::string* contents) {
   return static_cast<bool>(in) || in.eof();
 }
 
-int addAccount(const std::vector<std::string>& args) {
-  if (args.empty() || args[0].starts_with("--")) return usageError("account add needs a NAME");
+// "account add|token|revoke NAME --sqlite PATH | --postgres CONNINFO".
+int account(const std::string& command, const std::vector<std::string>& args) {
+  if (args.empty() || args[0].starts_with("--")) return usageError("account " + command + " needs a NAME");
   std::map<std::string, std::string> options;
   std::string error;
   if (!parseOptions({args.begin() + 1, args.end()}, {"--sqlite", "--postgres"}, &options, &error) ||
@@ -107,21 +117,36 @@ int addAccount(const std::vector<std::string>& args) {
     std::fprintf(stderr, "velmora-server: %s\n", error.c_str());
     return 1;
   }
-  velmora::server::Result<std::string> token = velmora::server::addAccount(*storage, args[0]);
+  velmora::server::Result<std::string> token = std::string();
+  if (command == "add") {
+    token = velmora::server::addAccount(*storage, args[0]);
+  } else if (command == "token") {
+    token = velmora::server::replaceToken(*storage, args[0]);
+  } else if (velmora::server::Result<velmora::server::Done> revoked = velmora::server::revokeToken(*storage, args[0]);
+             !revoked) {
+    token = velmora::server::Result<std::string>::failure(revoked.error());
+  }
   if (!token) {
     std::fprintf(stderr, "velmora-server: %s\n", token.error().c_str());
     return 1;
   }
-  std::printf("%s\n", token.value().c_str());
+  if (command != "revoke") std::printf("%s\n", token.value().c_str());
   return 0;
+}
+
+// The value of a numeric option as a positive integer; false when malformed.
+bool positiveOption(const std::string& text, std::int64_t* value) {
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), *value);
+  return ec == std::errc() && end == text.data() + text.size() && *value > 0;
 }
 
 int serve(const std::vector<std::string>& args) {
   std::map<std::string, std::string> options;
   std::string error;
-  const std::vector<std::string> known = {"--listen",        "--sqlite",           "--postgres",
-                                          "--tls-cert",      "--tls-key",          "--max-key-count",
-                                          "--max-key-name-len", "--max-key-data-len", "--max-key-data-sum"};
+  const std::vector<std::string> known = {
+      "--listen",           "--sqlite",           "--postgres",          "--tls-cert",   "--tls-key",
+      "--max-key-count",    "--max-key-name-len", "--max-key-data-len",  "--max-key-data-sum",
+      "--max-stores",       "--max-watches",      "--keep-deletions"};
   if (!parseOptions(args, known, &options, &error) || !checkStorageChoice(options, &error)) return usageError(error);
   if (!options.contains("--listen")) return usageError("serve needs --listen HOST:PORT");
 
@@ -135,14 +160,23 @@ int serve(const std::vector<std::string>& args) {
   for (const auto& [name, field] : limitOptions) {
     auto found = options.find(name);
     if (found == options.end()) continue;
-    std::int64_t value = 0;
-    const std::string& text = found->second;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || value <= 0) {
+    if (!positiveOption(found->second, &(nodeOptions.limits.*field))) {
       return usageError(std::string(name) + " needs a positive integer");
     }
-    nodeOptions.limits.*field = value;
   }
+  std::int64_t watches = static_cast<std::int64_t>(nodeOptions.maxWatches);
+  std::int64_t days = nodeOptions.deletionRetention / 86400;
+  const std::pair<const char*, std::int64_t*> accountOptions[] = {
+      {"--max-stores", &nodeOptions.maxStores}, {"--max-watches", &watches}, {"--keep-deletions", &days}};
+  for (const auto& [name, field] : accountOptions) {
+    auto found = options.find(name);
+    if (found != options.end() && !positiveOption(found->second, field)) {
+      return usageError(std::string(name) + " needs a positive integer");
+    }
+  }
+  if (days > 36500) return usageError("--keep-deletions is at most 36500 days");
+  nodeOptions.maxWatches = static_cast<std::size_t>(watches);
+  nodeOptions.deletionRetention = days * 86400;
   const bool hasCert = options.contains("--tls-cert");
   if (hasCert != options.contains("--tls-key")) return usageError("--tls-cert and --tls-key go together");
   std::optional<std::pair<std::string, int>> listen = velmora::server::parseListenAddress(nodeOptions.listen);
@@ -209,6 +243,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (args[0] == "serve") return serve({args.begin() + 1, args.end()});
-  if (args[0] == "account" && args.size() >= 2 && args[1] == "add") return addAccount({args.begin() + 2, args.end()});
+  if (args[0] == "account" && args.size() >= 2 && (args[1] == "add" || args[1] == "token" || args[1] == "revoke")) {
+    return account(args[1], {args.begin() + 2, args.end()});
+  }
   return usageError("unknown command " + args[0]);
 }
