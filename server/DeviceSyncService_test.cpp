@@ -12,6 +12,7 @@
 #include "Server.h"
 #include "ServerTestSupport.h"
 #include "SqliteStorage.h"
+#include "velmora/platform/Network.h"
 
 namespace velmora::server {
 namespace {
@@ -217,7 +218,7 @@ TEST(ListenAddressTest, PlaintextOnlyOnLoopback) {
     ASSERT_EQ(parsed.has_value(), c.host.has_value());
     if (!parsed) continue;
     EXPECT_EQ(parsed->first, *c.host);
-    EXPECT_EQ(isLoopbackHost(parsed->first), c.loopback);
+    EXPECT_EQ(velmora::isLoopbackHost(parsed->first), c.loopback);
   }
 
   velmora::testing::ScratchDirectory directory("velmora-listen-test");

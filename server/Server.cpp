@@ -1,13 +1,12 @@
 // SyncNode (see Server.h for the design note).
 #include "Server.h"
 
-#include <arpa/inet.h>
-
 #include <charconv>
 #include <chrono>
 #include <climits>
 
 #include "velmora/platform/Log.h"
+#include "velmora/platform/Network.h"
 
 namespace velmora::server {
 namespace {
@@ -42,16 +41,6 @@ std::optional<std::pair<std::string, int>> parseListenAddress(const std::string&
   return std::make_pair(std::move(host), port);
 }
 
-bool isLoopbackHost(const std::string& host) {
-  if (host == "localhost") return true;
-  std::string bare = host;
-  if (bare.size() >= 2 && bare.front() == '[' && bare.back() == ']') bare = bare.substr(1, bare.size() - 2);
-  in_addr v4{};
-  if (inet_pton(AF_INET, bare.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
-  in6_addr v6{};
-  if (inet_pton(AF_INET6, bare.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
-  return false;
-}
 
 SyncNode::SyncNode(Storage& storage, const NodeOptions& options)
     : storage_(storage),
@@ -72,7 +61,7 @@ std::unique_ptr<SyncNode> SyncNode::start(Storage& storage, const NodeOptions& o
     *error = "TLS needs both a certificate and a key";
     return nullptr;
   }
-  if (!tls && !isLoopbackHost(parsed->first)) {
+  if (!tls && !velmora::isLoopbackHost(parsed->first)) {
     *error = "listening on " + parsed->first + " needs TLS (--tls-cert and --tls-key); plaintext only on loopback";
     return nullptr;
   }

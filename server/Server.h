@@ -52,10 +52,6 @@ struct NodeOptions {
 // malformed. The host keeps its brackets. Pure.
 std::optional<std::pair<std::string, int>> parseListenAddress(const std::string& address);
 
-// Whether host (as parseListenAddress returns it) is a loopback address:
-// localhost, 127.0.0.0/8 or ::1. Pure.
-bool isLoopbackHost(const std::string& host);
-
 class SyncNode {
  public:
   // Serves storage on options.listen, wires the storage's notices from

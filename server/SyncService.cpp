@@ -1,10 +1,7 @@
 // SyncService (see SyncService.h for the design note).
 #include "SyncService.h"
 
-#include <zlib.h>
-
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <map>
 #include <optional>
@@ -32,37 +29,6 @@ grpc::Status storageFailure(const std::string& what, const std::string& error) {
 bool validName(const std::string& name, bool mayBeEmpty) {
   if (name.empty()) return mayBeEmpty;
   return name.size() <= kMaxNameBytes && name.find('\0') == std::string::npos;
-}
-
-// input, one gzip member and nothing after it, decompressed, but giving up
-// once the output passes limit bytes: a small gzip stream may inflate a
-// thousandfold, and the server must not let one request allocate that. Sets
-// *tooLarge then; nullopt also when bytes follow the member (the toolkit
-// would read only the first, and the rest would be stored unmeasured).
-std::optional<std::string> gunzipBounded(const std::string& input, std::size_t limit, bool* tooLarge) {
-  *tooLarge = false;
-  z_stream stream{};
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
-  stream.avail_in = static_cast<uInt>(input.size());
-  if (inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) return std::nullopt;
-  std::string output;
-  std::array<char, 16384> chunk;
-  int result;
-  do {
-    stream.next_out = reinterpret_cast<Bytef*>(chunk.data());
-    stream.avail_out = static_cast<uInt>(chunk.size());
-    result = inflate(&stream, Z_NO_FLUSH);
-    if (result != Z_OK && result != Z_STREAM_END) break;
-    output.append(chunk.data(), chunk.size() - stream.avail_out);
-    if (output.size() > limit) {
-      *tooLarge = true;
-      break;
-    }
-  } while (result == Z_OK);
-  const bool trailing = stream.avail_in != 0;
-  inflateEnd(&stream);
-  if (*tooLarge || result != Z_STREAM_END || trailing) return std::nullopt;
-  return output;
 }
 
 pb::Record toMessage(const RecordRow& row) {
@@ -232,12 +198,16 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
   // what the limits count.
   std::int64_t size = 0;
   if (!record.deleted()) {
-    std::optional<std::string> plain;
-    const std::string* serialised = &record.value();
+    std::optional<velmora::Bytes> plain;
+    const auto* raw = reinterpret_cast<const std::uint8_t*>(record.value().data());
+    std::span<const std::uint8_t> serialised(raw, record.value().size());
     if (record.gzipped()) {
+      // Inflated with a cap (a small stream may inflate a thousandfold) and
+      // refused with anything after its one member, which would be stored
+      // unmeasured.
       bool tooLarge = false;
-      plain = gunzipBounded(record.value(), static_cast<std::size_t>(std::max<std::int64_t>(limits_.maxKeyDataLen, 0)),
-                            &tooLarge);
+      plain = ZKVCopyUngzippedDataForDataWithLimit(
+          serialised, static_cast<std::size_t>(std::max<std::int64_t>(limits_.maxKeyDataLen, 0)), &tooLarge);
       if (tooLarge) {
         Result<std::optional<RecordRow>> stored = transaction.record(record.key());
         if (!stored) return false;
@@ -245,17 +215,16 @@ bool SyncCore::decide(StoreTransaction& transaction, const pb::Record& record, c
         return refuse(pb::PushResult::REFUSED_LIMIT, "the value is larger than max_key_data_len");
       }
       if (!plain) return refuse(pb::PushResult::REFUSED_INVALID, "the value is not one gzip stream alone");
-      serialised = &*plain;
+      serialised = *plain;
     }
     std::int64_t inner = 0;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(serialised->data());
-    if (ZKVCopyPropertyListAndTimestampFromData({bytes, serialised->size()}, &inner).isNone()) {
+    if (ZKVCopyPropertyListAndTimestampFromData(serialised, &inner).isNone()) {
       return refuse(pb::PushResult::REFUSED_INVALID, "the value is not a timestamped serialised value");
     }
     if (inner != record.timestamp()) {
       return refuse(pb::PushResult::REFUSED_INVALID, "the record's timestamp differs from its value's");
     }
-    size = static_cast<std::int64_t>(std::max(serialised->size(), record.value().size()));
+    size = static_cast<std::int64_t>(std::max(serialised.size(), record.value().size()));
   }
 
   Result<std::optional<RecordRow>> loaded = transaction.record(record.key());

@@ -19,6 +19,7 @@
 #include "PostgresStorage.h"
 #include "Server.h"
 #include "SqliteStorage.h"
+#include "velmora/platform/Network.h"
 
 namespace {
 
@@ -181,7 +182,7 @@ int serve(const std::vector<std::string>& args) {
   if (hasCert != options.contains("--tls-key")) return usageError("--tls-cert and --tls-key go together");
   std::optional<std::pair<std::string, int>> listen = velmora::server::parseListenAddress(nodeOptions.listen);
   if (!listen) return usageError("malformed --listen " + nodeOptions.listen + " (expected HOST:PORT)");
-  if (!hasCert && !velmora::server::isLoopbackHost(listen->first)) {
+  if (!hasCert && !velmora::isLoopbackHost(listen->first)) {
     std::fprintf(stderr, "velmora-server: listening on %s needs --tls-cert and --tls-key; plaintext only on loopback\n",
                  listen->first.c_str());
     return 2;
