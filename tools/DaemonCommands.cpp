@@ -18,7 +18,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Longer than the bus call timeout, so the library's own failure comes first.
+// The library waits for an asynchronous reply as long as the daemon is
+// there; a person at the terminal waits this long for a sync pass.
 constexpr auto kReplyPatience = 60s;
 // How long reset-all waits for the daemon to announce that it is done.
 constexpr auto kResetPatience = 15s;
