@@ -144,6 +144,63 @@ std::string invalidValueText(std::string_view key, const PropertyList& value) {
          "text or a key that is not valid UTF-8, a missing value, or nesting deeper than " + depth + " levels)";
 }
 
+// The checks a write makes before taking any lock: the key, the value's
+// validity and its serialised size (*size; 0 for a removal).
+NimbrelResult validateWrite(std::string_view key, const PropertyList& value, std::uint64_t* size) {
+  *size = 0;
+  if (key.empty()) return refuse(NimbrelErrorCode::kInvalidKey, key, 0, 0, "NimbrelStore: the key is empty");
+  if (!velmora::isValidUtf8(key)) {
+    return refuse(NimbrelErrorCode::kInvalidKey, key, 0, 0, "NimbrelStore: key " + quoted(key) + " is not valid UTF-8");
+  }
+  if (value.isNone()) return NimbrelResult::success();
+  if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - ZKVRemotePreferencesSource::kMaximumValueDepth)) {
+    return refuse(NimbrelErrorCode::kInvalidValue, key, 0, 0, invalidValueText(key, value));
+  }
+  const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(value);
+  if (length <= 0) return refuse(NimbrelErrorCode::kInvalidValue, key, 0, 0, invalidValueText(key, value));
+  *size = static_cast<std::uint64_t>(length);
+  return NimbrelResult::success();
+}
+
+// Checks a value of newSize bytes under key against source's limits, given
+// whether the key exists, the store's key count, the key's present size and
+// the total.
+NimbrelResult checkLimits(const ZKVRemotePreferencesSource& source, std::string_view key, std::uint64_t newSize,
+                          bool exists, std::size_t keyCount, std::uint64_t oldSize, std::uint64_t totalSize) {
+  if (!exists) {
+    // The source's own rule (signed, in UTF-8 bytes), so that it never
+    // has to raise for a key the store let through.
+    const auto maxLength = static_cast<std::int64_t>(source.maximumKeyLength());
+    if (static_cast<std::int64_t>(key.size()) > maxLength) {
+      return refuse(NimbrelErrorCode::kKeyTooLong, key, key.size(), source.maximumKeyLength(),
+                    "NimbrelStore: key " + quoted(key) + " is " + std::to_string(key.size()) +
+                        " bytes long, over the limit of " + std::to_string(source.maximumKeyLength()) + " bytes");
+    }
+    const std::uint64_t maxCount = source.maximumKeyCount();
+    if (keyCount >= maxCount) {
+      return refuse(NimbrelErrorCode::kTooManyKeys, key, keyCount + 1, maxCount,
+                    "NimbrelStore: new key " + quoted(key) + " would be key number " + std::to_string(keyCount + 1) +
+                        ", over the limit of " + std::to_string(maxCount) + " keys");
+    }
+  }
+  const std::uint64_t maxPerKey = source.maximumDataLengthPerKey();
+  if (newSize > maxPerKey) {
+    return refuse(NimbrelErrorCode::kValueTooLarge, key, newSize, maxPerKey,
+                  "NimbrelStore: the value for key " + quoted(key) + " is " + std::to_string(newSize) +
+                      " bytes serialised, over the limit of " + std::to_string(maxPerKey) + " bytes per key");
+  }
+  const std::uint64_t newTotal = totalSize - oldSize + newSize;
+  const std::uint64_t maxTotal = source.maximumTotalDataLength();
+  // A store already over the limit (filled elsewhere) may still shrink.
+  if (newSize > oldSize && newTotal > maxTotal) {
+    return refuse(NimbrelErrorCode::kTotalTooLarge, key, newTotal, maxTotal,
+                  "NimbrelStore: with the value for key " + quoted(key) + " (" + std::to_string(newSize) +
+                      " bytes serialised) all values would take " + std::to_string(newTotal) +
+                      " bytes, over the limit of " + std::to_string(maxTotal) + " bytes");
+  }
+  return NimbrelResult::success();
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -337,76 +394,88 @@ NimbrelResult NimbrelStore::setBool(std::string_view key, bool value) {
 NimbrelResult NimbrelStore::removeObject(std::string_view key) { return write(key, PropertyList()); }
 
 NimbrelResult NimbrelStore::write(std::string_view key, const PropertyList& value) {
-  if (key.empty()) return refuse(NimbrelErrorCode::kInvalidKey, key, 0, 0, "NimbrelStore: the key is empty");
-  if (!velmora::isValidUtf8(key)) {
-    return refuse(NimbrelErrorCode::kInvalidKey, key, 0, 0, "NimbrelStore: key " + quoted(key) + " is not valid UTF-8");
-  }
-  const bool removal = value.isNone();
   std::uint64_t newSize = 0;
-  if (!removal) {
-    if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - ZKVRemotePreferencesSource::kMaximumValueDepth)) {
-      return refuse(NimbrelErrorCode::kInvalidValue, key, 0, 0, invalidValueText(key, value));
-    }
-    const std::ptrdiff_t length = ZKVGetSerializedLengthForPropertyList(value);
-    if (length <= 0) return refuse(NimbrelErrorCode::kInvalidValue, key, 0, 0, invalidValueText(key, value));
-    newSize = static_cast<std::uint64_t>(length);
-  }
+  if (NimbrelResult valid = validateWrite(key, value, &newSize); !valid) return valid;
+  const bool removal = value.isNone();
 
   std::lock_guard lock(writeMutex_);
   bool exists = false;
   std::size_t keyCount = 0;
   source_->protectionQueue()->sync([&] {
-    // An evicted cache is reloaded here, and may hold what others wrote
-    // meanwhile, so its sizes are counted afresh.
-    if (sizesStale_.exchange(false, std::memory_order_acq_rel) || !sizesValid_ ||
-        !source_->lockedLoadState().cache) {
-      lockedRecountSizes();
-    }
-    const velmora::PlistDictionary& cache = *source_->lockedLoadState().cache;
+    const velmora::PlistDictionary& cache = lockedPrepareSizes();
     exists = cache.find(key) != cache.end();
     keyCount = cache.size();
   });
 
-  if (removal) {
-    if (!exists) return NimbrelResult::success();
-  } else {
-    if (!exists) {
-      // The source's own rule (signed, in UTF-8 bytes), so that it never
-      // has to raise for a key the store let through.
-      const auto maxLength = static_cast<std::int64_t>(source_->maximumKeyLength());
-      if (static_cast<std::int64_t>(key.size()) > maxLength) {
-        return refuse(NimbrelErrorCode::kKeyTooLong, key, key.size(), source_->maximumKeyLength(),
-                      "NimbrelStore: key " + quoted(key) + " is " + std::to_string(key.size()) +
-                          " bytes long, over the limit of " + std::to_string(source_->maximumKeyLength()) + " bytes");
-      }
-      const std::uint64_t maxCount = source_->maximumKeyCount();
-      if (keyCount >= maxCount) {
-        return refuse(NimbrelErrorCode::kTooManyKeys, key, keyCount + 1, maxCount,
-                      "NimbrelStore: new key " + quoted(key) + " would be key number " + std::to_string(keyCount + 1) +
-                          ", over the limit of " + std::to_string(maxCount) + " keys");
-      }
-    }
-    const std::uint64_t maxPerKey = source_->maximumDataLengthPerKey();
-    if (newSize > maxPerKey) {
-      return refuse(NimbrelErrorCode::kValueTooLarge, key, newSize, maxPerKey,
-                    "NimbrelStore: the value for key " + quoted(key) + " is " + std::to_string(newSize) +
-                        " bytes serialised, over the limit of " + std::to_string(maxPerKey) + " bytes per key");
-    }
-    auto current = sizes_.find(key);
-    const std::uint64_t oldSize = current != sizes_.end() ? current->second : 0;
-    const std::uint64_t newTotal = totalSize_ - oldSize + newSize;
-    const std::uint64_t maxTotal = source_->maximumTotalDataLength();
-    // A store already over the limit (filled elsewhere) may still shrink.
-    if (newSize > oldSize && newTotal > maxTotal) {
-      return refuse(NimbrelErrorCode::kTotalTooLarge, key, newTotal, maxTotal,
-                    "NimbrelStore: with the value for key " + quoted(key) + " (" + std::to_string(newSize) +
-                        " bytes serialised) all values would take " + std::to_string(newTotal) +
-                        " bytes, over the limit of " + std::to_string(maxTotal) + " bytes");
-    }
+  if (removal && !exists) return NimbrelResult::success();
+  if (!removal) {
+    NimbrelResult fits = checkLimits(*source_, key, newSize, exists, keyCount, sizeOf(key), totalSize_);
+    if (!fits) return fits;
+  }
+  source_->setValueForKey(value, key);
+  noteSize(key, removal, newSize);
+  return NimbrelResult::success();
+}
+
+NimbrelResult NimbrelStore::setObjects(const velmora::PlistDictionary& values) {
+  std::vector<std::uint64_t> newSizes;
+  newSizes.reserve(values.size());
+  for (const auto& [key, value] : values) {
+    std::uint64_t size = 0;
+    if (NimbrelResult valid = validateWrite(key, value, &size); !valid) return valid;
+    newSizes.push_back(size);
   }
 
-  source_->setValueForKey(value, key);
+  std::lock_guard lock(writeMutex_);
+  std::vector<bool> exists(values.size(), false);
+  std::size_t keyCount = 0;
+  source_->protectionQueue()->sync([&] {
+    const velmora::PlistDictionary& cache = lockedPrepareSizes();
+    keyCount = cache.size();
+    std::size_t at = 0;
+    for (const auto& entry : values) exists[at++] = cache.find(entry.first) != cache.end();
+  });
 
+  // The limits as the writes meet them one after another, in key order.
+  std::uint64_t total = totalSize_;
+  std::size_t at = 0;
+  for (const auto& [key, value] : values) {
+    const std::uint64_t oldSize = sizeOf(key);
+    const std::uint64_t newSize = newSizes[at];
+    const bool existed = exists[at++];
+    if (value.isNone()) {
+      if (existed) {
+        total -= oldSize;
+        --keyCount;
+      }
+      continue;
+    }
+    if (NimbrelResult fits = checkLimits(*source_, key, newSize, existed, keyCount, oldSize, total); !fits) return fits;
+    total = total - oldSize + newSize;
+    if (!existed) ++keyCount;
+  }
+
+  source_->setValuesForKeys(values);
+  at = 0;
+  for (const auto& [key, value] : values) noteSize(key, value.isNone(), newSizes[at++]);
+  return NimbrelResult::success();
+}
+
+const velmora::PlistDictionary& NimbrelStore::lockedPrepareSizes() {
+  // An evicted cache is reloaded here, and may hold what others wrote
+  // meanwhile, so its sizes are counted afresh.
+  if (sizesStale_.exchange(false, std::memory_order_acq_rel) || !sizesValid_ || !source_->lockedLoadState().cache) {
+    lockedRecountSizes();
+  }
+  return *source_->lockedLoadState().cache;
+}
+
+std::uint64_t NimbrelStore::sizeOf(std::string_view key) const {
+  auto current = sizes_.find(key);
+  return current != sizes_.end() ? current->second : 0;
+}
+
+void NimbrelStore::noteSize(std::string_view key, bool removal, std::uint64_t newSize) {
   auto current = sizes_.find(key);
   if (current != sizes_.end()) {
     totalSize_ -= current->second;
@@ -419,7 +488,6 @@ NimbrelResult NimbrelStore::write(std::string_view key, const PropertyList& valu
     sizes_.emplace(std::string(key), newSize);
   }
   totalSize_ += newSize;
-  return NimbrelResult::success();
 }
 
 void NimbrelStore::lockedRecountSizes() {

@@ -243,6 +243,9 @@ TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing)
   ASSERT_TRUE(store->setString("b", "y").ok());  // the fourth key
   refused(store->setString("c", "z"), NimbrelErrorCode::kTooManyKeys, "c", 5, 4);
   EXPECT_NE(store->setString("u", "caf\xc3").error().message.find("UTF-8"), std::string::npos);
+  // A batch is refused whole, at the first key over a limit as if written in key order.
+  refused(store->setObjects({{"b", PropertyList()}, {"c", str("z")}, {"d", str("w")}}), NimbrelErrorCode::kTooManyKeys,
+          "d", 5, 4);
 
   PlistDictionary expected = before;
   expected["b"] = str("y");
@@ -254,6 +257,9 @@ TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing)
   // Removing makes room again, for keys and for bytes.
   ASSERT_TRUE(store->removeObject("b").ok());
   EXPECT_TRUE(store->setString("c", "z").ok());
+  EXPECT_TRUE(store->setObjects({{"c", PropertyList()}, {"d", str("w")}}).ok());
+  EXPECT_EQ(store->getString("d"), "w");
+  EXPECT_FALSE(store->getObject("c"));
   ASSERT_TRUE(store->synchronize());
 
   // A reload after a change elsewhere counts the sizes afresh.

@@ -559,56 +559,88 @@ void ZKVRemotePreferencesSource::setValueForKey(const PropertyList& value, std::
     if (!store_.cache) lockedSynchronizeForced(false);
     const double now = environment_.absoluteTime();
     lastAccess_.store(now, std::memory_order_relaxed);
-    PlistDictionary& cache = *store_.cache;
+    lockedSetValueForKey(value, key, now);
+  });
+}
 
-    if (value.isNone()) {
-      auto found = cache.find(key);
-      if (found == cache.end()) {
-        logLazily(LogLevel::Debug, [&] { return cat({"Bailing out for key in cache to ", key}); });
-        return;
-      }
-      cache.erase(found);
-    } else {
-      // Deeper values could not be written into the store file, nor handed over.
+void ZKVRemotePreferencesSource::setValuesForKeys(const PlistDictionary& values) {
+  protectionQueue_->sync([&] {
+    TransactionScope transaction(*this);
+    if (!store_.cache) lockedSynchronizeForced(false);
+    // What a single write would raise for is raised before anything changes.
+    for (const auto& [key, value] : values) {
+      if (value.isNone()) continue;
       if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - kMaximumValueDepth)) {
         raiseAssertion("NimbrelStore: value is not property-list compatible: " + value.description(), this,
                        __LINE__);
       }
-      auto found = cache.find(key);
-      if (found != cache.end()) {
-        // An unchanged value is no write: no new timestamp, nothing dirty.
-        const PropertyList* current = ZKVGetPropertyListAndTimestampFromStorage(found->second, nullptr);
-        if (current != nullptr && (current->isSameObject(value) || *current == value)) return;
-      } else if (static_cast<std::int64_t>(key.size()) > static_cast<std::int64_t>(maximumKeyLength())) {
-        // Only keys new to the cache are measured, and the comparison is
-        // signed, as the daemon's limit has always been read.
+      if (!store_.cache->contains(key) &&
+          static_cast<std::int64_t>(key.size()) > static_cast<std::int64_t>(maximumKeyLength())) {
         raiseAssertion(cat({"NimbrelStore: key '", key, "' is too long."}), this, __LINE__);
       }
-      PropertyList copy = deepCopyPropertyList(value);
-      if (copy.isNone()) {
-        raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
-      }
-      PropertyList record = ZKVCreateStorageForPropertyListAndTimestamp(copy, timestampFromAbsoluteTime(now));
-      if (record.isNone()) {
-        // Only a clock within a second of 2001-01-01 gets here: a record
-        // cannot carry timestamp 0, so the copy into it failed.
-        raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
-      }
-      if (found != cache.end()) {
-        found->second = std::move(record);
+    }
+    const double now = environment_.absoluteTime();
+    lastAccess_.store(now, std::memory_order_relaxed);
+    for (const auto& [key, value] : values) {
+      if (key.empty()) {
+        defaultLog().log(LogLevel::Default, "NimbrelStore does not support empty keys");
       } else {
-        cache.emplace(std::string(key), std::move(record));
+        lockedSetValueForKey(value, key, now);
       }
     }
-
-    if (!dirtyKeys_) {
-      dirtyKeys_.emplace();
-      logLazily(LogLevel::Debug, [&] { return "New dirtyKeys " + describeKeySet(*dirtyKeys_); });
-    }
-    if (!dirtyKeys_->contains(key)) dirtyKeys_->emplace(key);
-    logLazily(LogLevel::Debug, [&] { return cat({"Adding dirty key to ", key, " : ", describeKeySet(*dirtyKeys_)}); });
-    ++generationCount_;
   });
+}
+
+void ZKVRemotePreferencesSource::lockedSetValueForKey(const PropertyList& value, std::string_view key, double now) {
+  PlistDictionary& cache = *store_.cache;
+
+  if (value.isNone()) {
+    auto found = cache.find(key);
+    if (found == cache.end()) {
+      logLazily(LogLevel::Debug, [&] { return cat({"Bailing out for key in cache to ", key}); });
+      return;
+    }
+    cache.erase(found);
+  } else {
+    // Deeper values could not be written into the store file, nor handed over.
+    if (!value.isValidForBinaryFormat(PropertyList::kMaxDepth - kMaximumValueDepth)) {
+      raiseAssertion("NimbrelStore: value is not property-list compatible: " + value.description(), this,
+                     __LINE__);
+    }
+    auto found = cache.find(key);
+    if (found != cache.end()) {
+      // An unchanged value is no write: no new timestamp, nothing dirty.
+      const PropertyList* current = ZKVGetPropertyListAndTimestampFromStorage(found->second, nullptr);
+      if (current != nullptr && (current->isSameObject(value) || *current == value)) return;
+    } else if (static_cast<std::int64_t>(key.size()) > static_cast<std::int64_t>(maximumKeyLength())) {
+      // Only keys new to the cache are measured, and the comparison is
+      // signed, as the daemon's limit has always been read.
+      raiseAssertion(cat({"NimbrelStore: key '", key, "' is too long."}), this, __LINE__);
+    }
+    PropertyList copy = deepCopyPropertyList(value);
+    if (copy.isNone()) {
+      raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
+    }
+    PropertyList record = ZKVCreateStorageForPropertyListAndTimestamp(copy, timestampFromAbsoluteTime(now));
+    if (record.isNone()) {
+      // Only a clock within a second of 2001-01-01 gets here: a record
+      // cannot carry timestamp 0, so the copy into it failed.
+      raiseAssertion("NimbrelStore: QXPropertyListCreateDeepCopy failed -- out of memory?", this, __LINE__);
+    }
+    if (found != cache.end()) {
+      found->second = std::move(record);
+    } else {
+      cache.emplace(std::string(key), std::move(record));
+    }
+  }
+
+  if (!dirtyKeys_) {
+    dirtyKeys_.emplace();
+    logLazily(LogLevel::Debug, [&] { return "New dirtyKeys " + describeKeySet(*dirtyKeys_); });
+  }
+  if (!dirtyKeys_->contains(key)) dirtyKeys_->emplace(key);
+  logLazily(LogLevel::Debug, [&] { return cat({"Adding dirty key to ", key, " : ", describeKeySet(*dirtyKeys_)}); });
+  ++generationCount_;
 }
 
 std::vector<std::string> ZKVRemotePreferencesSource::copyKeyList() {

@@ -247,6 +247,14 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   // or non-UTF-8 key.
   NimbrelResult removeObject(std::string_view key);
 
+  // Writes every entry of values (none removes the key) as one step: checks
+  // them all against the limits as if written one after another in key
+  // order, and on refusal returns the first error and changes nothing;
+  // otherwise stores them together, so that no hand-over to the daemon (and
+  // no other process) ever sees some of them without the others. Blocks as
+  // the single writes do; no IPC.
+  NimbrelResult setObjects(const velmora::PlistDictionary& values);
+
   // Hands the changes made since the last hand-over to the daemon and waits
   // for its answer; with nothing changed it returns at once without IPC.
   // Returns true when nothing needed handing over or the daemon took the
@@ -294,6 +302,13 @@ class ZKV_EXPORT NimbrelStore : public std::enable_shared_from_this<NimbrelStore
   void start();
   // Checks one write of value (none = removal) under key and performs it.
   NimbrelResult write(std::string_view key, const velmora::PropertyList& value);
+  // Recounts the sizes when they may be stale and returns the loaded cache.
+  // Protection queue and writeMutex_ held.
+  const velmora::PlistDictionary& lockedPrepareSizes();
+  // The key's counted size (0 when absent), and the table's update after a
+  // write. writeMutex_ held.
+  std::uint64_t sizeOf(std::string_view key) const;
+  void noteSize(std::string_view key, bool removal, std::uint64_t newSize);
   // Rebuilds sizes_ and totalSize_ from the source's cache. Protection queue
   // and writeMutex_ held; loads the cache when it is not loaded.
   void lockedRecountSizes();

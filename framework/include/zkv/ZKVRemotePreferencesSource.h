@@ -246,6 +246,12 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   // Stamps the last-access time (unless the key is empty).
   void setValueForKey(const velmora::PropertyList& value, std::string_view key);
 
+  // setValue:forKey: for every entry of values (none removes the key), in key
+  // order, as one protection-queue item: no hand-over to the daemon, and no
+  // reader, sees some of them without the others. Throws as setValueForKey
+  // does, before changing anything; empty keys are skipped and logged.
+  void setValuesForKeys(const velmora::PlistDictionary& values);
+
   // copyKeyList: the cache's keys (never absent, maybe empty). Caller owns it.
   std::vector<std::string> copyKeyList();
 
@@ -465,6 +471,9 @@ class ZKV_EXPORT ZKVRemotePreferencesSource : public std::enable_shared_from_thi
   void createMemoryWarningSource();
   // Formats the dirty-key set for log lines. Protection queue only.
   static std::string describeKeySet(const KeySet& keys);
+  // The body of setValue:forKey: for a non-empty key, the cache loaded and
+  // the write stamped with now. Protection queue only.
+  void lockedSetValueForKey(const velmora::PropertyList& value, std::string_view key, double now);
   // Class initialisation: fixes the process-wide account-switch flag on the
   // first call from any thread; later calls cost one atomic load.
   static void initializeClass();
