@@ -12,7 +12,8 @@
 #   3. starts a private dbus-daemon whose activation directory is the
 #      installed share/dbus-1/services, so the installed velmorad starts on
 #      the first request, and shows that a setting written by one process of
-#      the example reaches another that watches it.
+#      the example reaches another that watches it, and that GLib's gsettings
+#      tool keeps a setting there through the installed GSettings module.
 # Run by ctest (tests/install/CMakeLists.txt passes the locations in the
 # environment); takes about half a minute.
 set -euo pipefail
@@ -133,6 +134,18 @@ fi
 if [ "${VELMORA_HAVE_SERVER:-0}" = 1 ]; then
   [ -x "$bindir/velmora-server" ] || fail "no $bindir/velmora-server"
 fi
+# The GSettings module in GIO's module directory, listed in its cache,
+# finding the installed libzkv.
+gio_modules=""
+if [ -n "${VELMORA_GIO_MODULE_DIR:-}" ]; then
+  gio_modules=$prefix/$VELMORA_GIO_MODULE_DIR
+  [ -f "$gio_modules/libvelmora-gsettings.so" ] || fail "no $gio_modules/libvelmora-gsettings.so"
+  grep -qx 'libvelmora-gsettings.so: gsettings-backend' "$gio_modules/giomodule.cache" ||
+    fail "giomodule.cache does not list the module: $(cat "$gio_modules/giomodule.cache" 2>&1)"
+  loaded=$(env -u LD_LIBRARY_PATH ldd "$gio_modules/libvelmora-gsettings.so" | awk '$1 == "libzkv.so.0" { print $3 }')
+  [ "$(readlink -f "$loaded")" = "$(readlink -f "$libdir/libzkv.so.0")" ] ||
+    fail "the GSettings module loads libzkv from '$loaded'"
+fi
 for doc in README.md LICENSE NOTICE; do
   [ -f "$datadir/doc/velmora/$doc" ] || fail "no share/doc/velmora/$doc"
 done
@@ -141,7 +154,7 @@ done
 # program or library looks for libraries in it.
 found=$(grep -rlF "$build" "$includedir" "$datadir" "$libdir/pkgconfig" "$libdir/cmake" "$unitdir" || true)
 [ -z "$found" ] || fail "these name the build tree: $found"
-for elf in "$libdir/libzkv.so.$version" "$velmorad" "$bindir"/*; do
+for elf in "$libdir/libzkv.so.$version" "$velmorad" "$bindir"/* ${gio_modules:+"$gio_modules"/*.so}; do
   [ -f "$elf" ] || continue
   if readelf -d "$elf" | grep -E 'R(UN)?PATH' | grep -qF "$build"; then
     fail "$elf has a library path into the build tree"
@@ -243,10 +256,24 @@ grep -qx 'theme changed to dark' "$work/watch.out" || fail "watcher: $(cat "$wor
 [ "$("$app_cmake" list)" = "theme = dark" ] || fail "list: $("$app_cmake" list)"
 [ -f "$HOME/Library/Quellstore/$ZKV_APPLICATION_ID.plist" ] || fail "no store file in the scratch home"
 
+if [ -n "$gio_modules" ]; then
+  mkdir -p "$work/schemas"
+  cat >"$work/schemas/com.example.SettingsApp.gschema.xml" <<'SCHEMA'
+<schemalist><schema id="com.example.SettingsApp" path="/com/example/SettingsApp/">
+  <key name="font" type="s"><default>''</default></key>
+</schema></schemalist>
+SCHEMA
+  glib-compile-schemas "$work/schemas" || fail "glib-compile-schemas failed"
+  gs() { GSETTINGS_SCHEMA_DIR=$work/schemas GIO_EXTRA_MODULES=$gio_modules GSETTINGS_BACKEND=velmora gsettings "$@"; }
+  gs set com.example.SettingsApp font "'Sans 12'" || fail "gsettings set through the installed module failed"
+  [ "$(gs get com.example.SettingsApp font)" = "'Sans 12'" ] || fail "gsettings get: $(gs get com.example.SettingsApp font)"
+  [ "$("$app_pkgconfig" get font)" = "Sans 12" ] || fail "the example reads font as $("$app_pkgconfig" get font)"
+fi
+
 # The daemon that answered is the installed one.
 velmorad_pid=$(velmoradPid)
 [ -n "$velmorad_pid" ] || fail "nobody owns com.vantrel.velmorad-sim"
 running=$(readlink -f "/proc/$velmorad_pid/exe")
 [ "$running" = "$(readlink -f "$velmorad")" ] || fail "the bus started $running, not $velmorad"
 
-echo "PASS: installed into a temporary prefix, built the example both ways, a write reached the other process"
+echo "PASS: installed into a temporary prefix, built the example both ways, a write reached the other process${gio_modules:+, gsettings kept a setting through the installed module}"
