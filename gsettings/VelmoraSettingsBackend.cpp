@@ -187,8 +187,15 @@ class SettingsStores : public std::enable_shared_from_this<SettingsStores> {
   void shutdown();
 
  private:
+  // The state of directory, made, opened and loaded on first use (its
+  // NimbrelStore made and observed, one bus round trip); a second caller
+  // waits for the first one's load. Never null.
   std::shared_ptr<StoreState> stateFor(std::string_view directory);
-  void open(StoreState& state);
+  // Makes state's store, observes it and loads its values; logs why a
+  // directory has none. storeMutex held by the caller.
+  void open(const std::shared_ptr<StoreState>& state);
+  // The store and name of key when it can be written; nullopt (logged for
+  // a key name no store takes) otherwise.
   std::optional<Target> writableTarget(const char* key);
   // Visible values and the flusher's queue: mutex_ held.
   void lockedQueueUnit(const std::shared_ptr<StoreState>& state, PlistDictionary unit);
@@ -382,54 +389,49 @@ std::shared_ptr<StoreState> SettingsStores::stateFor(std::string_view directory)
     }
   }
   if (opening.owns_lock()) {
-    open(*state);
+    open(state);
   } else {
     std::lock_guard wait(state->storeMutex);
   }
   return state;
 }
 
-void SettingsStores::open(StoreState& state) {
+void SettingsStores::open(const std::shared_ptr<StoreState>& state) {
   PlistDictionary values;
   bool made = false;
-  const std::optional<StoreAddress>& address = state.mapping.address;
+  const std::optional<StoreAddress>& address = state->mapping.address;
   if (!address) {
-    log().log(LogLevel::Default, state.mapping.refusal + "; not writable");
+    log().log(LogLevel::Default, state->mapping.refusal + "; not writable");
   } else if (!storeReachable(*address, confined_, ownApplication_)) {
-    log().log(LogLevel::Default, "GSettings directory \"" + state.directory + "\" is in the store of " +
+    log().log(LogLevel::Default, "GSettings directory \"" + state->directory + "\" is in the store of " +
                                      address->application + ", which a confined " +
                                      ownApplication_.value_or("application") + " may not use; not writable");
   } else {
     try {
-      state.store = NimbrelStore::storeForApplication(address->application, address->store);
-      if (state.store) {
-        std::weak_ptr<SettingsStores> weakSelf = weak_from_this();
-        std::weak_ptr<StoreState> weakState;
-        {
-          std::lock_guard lock(mutex_);
-          if (auto found = stores_.find(state.directory); found != stores_.end()) weakState = found->second;
-        }
-        state.observer = state.store->addObserver([weakSelf, weakState](const NimbrelChange&) {
-          const std::shared_ptr<SettingsStores> self = weakSelf.lock();
-          const std::shared_ptr<StoreState> changed = weakState.lock();
-          if (!self || !changed) return;
-          try {
-            self->refresh(*changed);
-          } catch (const std::exception& e) {
-            log().log(LogLevel::Error, changed->directory + ": a change from elsewhere was lost: " + e.what());
-          }
-        });
-        values = state.store->dictionaryRepresentation();
+      state->store = NimbrelStore::storeForApplication(address->application, address->store);
+      if (state->store) {
+        state->observer = state->store->addObserver(
+            [weakSelf = weak_from_this(), weakState = std::weak_ptr<StoreState>(state)](const NimbrelChange&) {
+              const std::shared_ptr<SettingsStores> self = weakSelf.lock();
+              const std::shared_ptr<StoreState> changed = weakState.lock();
+              if (!self || !changed) return;
+              try {
+                self->refresh(*changed);
+              } catch (const std::exception& e) {
+                log().log(LogLevel::Error, changed->directory + ": a change from elsewhere was lost: " + e.what());
+              }
+            });
+        values = state->store->dictionaryRepresentation();
         made = true;
       }
     } catch (const std::exception& e) {
-      log().log(LogLevel::Error, "GSettings directory \"" + state.directory + "\": no store: " + e.what());
+      log().log(LogLevel::Error, "GSettings directory \"" + state->directory + "\": no store: " + e.what());
     }
   }
   std::lock_guard lock(mutex_);
-  for (const auto& [name, value] : values) state.values.emplace_hint(state.values.end(), name, Entry(value));
-  state.writable = made;
-  state.loaded = true;
+  for (const auto& [name, value] : values) state->values.emplace_hint(state->values.end(), name, Entry(value));
+  state->writable = made;
+  state->loaded = true;
 }
 
 std::optional<Target> SettingsStores::writableTarget(const char* key) {

@@ -2,7 +2,7 @@
 # A GSettings application for the tests of the velmora backend (PyGObject).
 #
 # Usage: gsettings_client.py MODE SCHEMA[:PATH] [ROUNDS]
-#   watch  prints "ready", then "KEY VALUE" (GVariant text) for each changed signal
+#   watch  prints "ready", then "KEY VALUE" (GVariant text) for each changed::KEY signal
 #   poll   prints "ready", then "T1,T2,T3" each time the three keys it sees change,
 #          looking at every changed signal and every 2 ms, until T1 is ROUNDS
 #   tree   sets t1, t2 and t3 together (delay, apply) to 1, 2, ... ROUNDS, syncs,
@@ -24,7 +24,8 @@ def main(mode, spec, rounds=0):
     settings = open_settings(spec)
     loop = GLib.MainLoop()
     if mode == "watch":
-        settings.connect("changed", lambda s, key: print(key, s.get_value(key).print_(True), flush=True))
+        for name in settings.props.settings_schema.list_keys():
+            settings.connect("changed::" + name, lambda s, key: print(key, s.get_value(key).print_(True), flush=True))
     elif mode == "poll":
         seen = []
 
