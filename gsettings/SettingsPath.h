@@ -19,9 +19,8 @@
 //   directories share a store, and no store file "<application>-@<store>"
 //   reads as another split of the same name.
 // - Refused, never shortened or hashed: the top directory "/", a key name
-//   that is empty, holds '/', is not UTF-8 or is over kMaxKeyBytes, and a
-//   directory whose store name ("<application>[-<store>]") is over
-//   kMaxStoreNameBytes.
+//   that is empty, not UTF-8 or over kMaxKeyBytes, and a directory whose
+//   store name ("<application>[-<store>]") is over kMaxStoreNameBytes.
 #pragma once
 
 #include <cstddef>

@@ -88,6 +88,20 @@ const velmora::LogHandle& log() {
   return handle;
 }
 
+// Runs body, turning an exception (a failed allocation, a programming error
+// libzkv reports) into a log line and fallback: none may cross into C.
+template <class Result, class Body>
+Result guarded(Result fallback, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::exception& e) {
+    log().log(LogLevel::Error, std::string("GSettings backend: ") + e.what());
+  } catch (...) {
+    log().log(LogLevel::Error, "GSettings backend: an unknown exception");
+  }
+  return fallback;
+}
+
 // One key's value as this process sees it, with the GVariant last read
 // from it, so that repeated reads of a key share one GVariant. Guarded by
 // SettingsStores::mutex_ like the map holding it.
@@ -492,7 +506,7 @@ void SettingsStores::flusherLoop() {
     queue_.erase(next);
     state->queued = false;
     lock.unlock();
-    const bool answered = flush(*state);
+    const bool answered = guarded(false, [&] { return flush(*state); });
     lock.lock();
     if (answered) {
       state->retryDelay = Clock::duration::zero();
@@ -603,19 +617,6 @@ void SettingsStores::signalKeys(const std::string& directory, std::vector<std::s
   g_settings_backend_keys_changed(owner_, directory.c_str(), items.data(), originTag);
 }
 
-// Runs body, turning an exception (a failed allocation, a programming error
-// libzkv reports) into a log line and fallback: none may cross into C.
-template <class Result, class Body>
-Result guarded(Result fallback, Body&& body) noexcept {
-  try {
-    return body();
-  } catch (const std::exception& e) {
-    log().log(LogLevel::Error, std::string("GSettings backend: ") + e.what());
-  } catch (...) {
-    log().log(LogLevel::Error, "GSettings backend: an unknown exception");
-  }
-  return fallback;
-}
 
 }  // namespace
 }  // namespace velmora::gsettings
