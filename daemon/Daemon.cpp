@@ -398,6 +398,11 @@ int Daemon::run() {
       (void)!::read(signalFd, &info, sizeof info);
       log().logf(LogLevel::Default, "velmorad: signal %u, finishing the work in flight", info.ssi_signo);
       running = false;
+      // Requests that reached us before the signal are in flight too: the
+      // poll may have woken for both at once. (Bounded: a client that keeps
+      // sending must not hold the exit off.)
+      for (int i = 0; i < 1024 && sd_bus_process(bus_, nullptr) > 0; ++i) {
+      }
     }
   }
   ::close(signalFd);
