@@ -22,8 +22,9 @@
 //   the caller's thread and returns once velmorad has answered, which it
 //   does after the store file is durable.
 // - Changes elsewhere. A store's observer runs on libzkv's main-queue
-//   thread: it takes one snapshot of the store (so that keys written
-//   together are seen together) and signals, origin tag NULL, every key
+//   thread and moves the work to GLib's main context (refreshInMainContext):
+//   one snapshot of the store (so that keys written together are seen
+//   together) and a signal, origin tag NULL, for every key
 //   whose value differs from what this process sees and that has no write of
 //   this process pending. This process's own writes come back equal, so each
 //   is signalled once. GIO hands each signal to the main context of every
@@ -219,6 +220,8 @@ class SettingsStores : public std::enable_shared_from_this<SettingsStores> {
   bool flush(StoreState& state);
   // The observer's work: see the design note. Takes storeMutex.
   void refresh(StoreState& state);
+  // Runs refresh on GLib's global default main context; any thread.
+  static void refreshInMainContext(std::weak_ptr<SettingsStores> stores, std::weak_ptr<StoreState> state);
   void flusherLoop();
   // Signals names of directory; no lock held.
   void signalKeys(const std::string& directory, std::vector<std::string> names, gpointer originTag);
@@ -410,6 +413,32 @@ std::shared_ptr<StoreState> SettingsStores::stateFor(std::string_view directory)
   return state;
 }
 
+void SettingsStores::refreshInMainContext(std::weak_ptr<SettingsStores> stores, std::weak_ptr<StoreState> state) {
+  struct Pending {
+    std::weak_ptr<SettingsStores> stores;
+    std::weak_ptr<StoreState> state;
+  };
+  // On the main context, when a loop runs it: the application's code there
+  // then sees the values change between its own steps, all keys of a change
+  // at once, together with their signals. When no loop runs it, GLib lets
+  // this thread take the context and the values change at once.
+  g_main_context_invoke_full(
+      nullptr, G_PRIORITY_DEFAULT,
+      [](gpointer data) -> gboolean {
+        const auto* pending = static_cast<const Pending*>(data);
+        const std::shared_ptr<SettingsStores> self = pending->stores.lock();
+        const std::shared_ptr<StoreState> changed = pending->state.lock();
+        if (!self || !changed) return G_SOURCE_REMOVE;
+        try {
+          self->refresh(*changed);
+        } catch (const std::exception& e) {
+          log().log(LogLevel::Error, changed->directory + ": a change from elsewhere was lost: " + e.what());
+        }
+        return G_SOURCE_REMOVE;
+      },
+      new Pending{std::move(stores), std::move(state)}, [](gpointer data) { delete static_cast<Pending*>(data); });
+}
+
 void SettingsStores::open(const std::shared_ptr<StoreState>& state) {
   PlistDictionary values;
   bool made = false;
@@ -426,14 +455,7 @@ void SettingsStores::open(const std::shared_ptr<StoreState>& state) {
       if (state->store) {
         state->observer = state->store->addObserver(
             [weakSelf = weak_from_this(), weakState = std::weak_ptr<StoreState>(state)](const NimbrelChange&) {
-              const std::shared_ptr<SettingsStores> self = weakSelf.lock();
-              const std::shared_ptr<StoreState> changed = weakState.lock();
-              if (!self || !changed) return;
-              try {
-                self->refresh(*changed);
-              } catch (const std::exception& e) {
-                log().log(LogLevel::Error, changed->directory + ": a change from elsewhere was lost: " + e.what());
-              }
+              refreshInMainContext(weakSelf, weakState);
             });
         values = state->store->dictionaryRepresentation();
         made = true;
