@@ -329,6 +329,13 @@ std::optional<MemoryPressureWatch> LinuxMemoryPressureMonitor::activeWatch() con
 
 void LinuxMemoryPressureMonitor::watch(WatchThread& thread) {
   using Mode = OpenedMemoryPressureWatch::Mode;
+  if (options_.armDelay.count() > 0) {
+    pollfd stop{thread.stopFd, POLLIN, 0};
+    int ready = 0;
+    while ((ready = ::poll(&stop, 1, static_cast<int>(options_.armDelay.count()))) < 0 && errno == EINTR) {
+    }
+    if (ready != 0) return;  // stopped before arming anything
+  }
   std::vector<MemoryPressureWatch> candidates;
   if (options_.watches) {
     candidates = *options_.watches;
@@ -407,7 +414,11 @@ namespace {
 // after ordinary statics are gone.
 InstalledSlot<MemoryPressureMonitor>& monitorSlot() {
   static auto* slot = new InstalledSlot<MemoryPressureMonitor>(
-      [] { return std::make_shared<LinuxMemoryPressureMonitor>(); });
+      [] {
+        LinuxMemoryPressureOptions options;
+        options.armDelay = std::chrono::seconds(3);
+        return std::make_shared<LinuxMemoryPressureMonitor>(options);
+      });
   return *slot;
 }
 

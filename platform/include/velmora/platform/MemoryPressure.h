@@ -180,6 +180,11 @@ struct LinuxMemoryPressureOptions {
   std::optional<std::map<std::string, std::string, std::less<>>> variables;
   // Replaces discovery when set.
   std::optional<std::vector<MemoryPressureWatch>> watches;
+  // How long the watch thread waits before it arms a kernel trigger. The
+  // process-wide monitor waits a few seconds: a short-lived process (a
+  // command-line tool) then never arms one, and so never pays the kernel's
+  // slow trigger removal at exit; its caches are too young to give up anyway.
+  std::chrono::milliseconds armDelay{0};
   // AveragePoll only.
   std::chrono::milliseconds pollInterval{5000};
   double averageThreshold = 10.0;
