@@ -156,7 +156,10 @@ found=$(grep -rlF "$build" "$includedir" "$datadir" "$libdir/pkgconfig" "$libdir
 [ -z "$found" ] || fail "these name the build tree: $found"
 for elf in "$libdir/libzkv.so.$version" "$velmorad" "$bindir"/* ${gio_modules:+"$gio_modules"/*.so}; do
   [ -f "$elf" ] || continue
-  if readelf -d "$elf" | grep -E 'R(UN)?PATH' | grep -qF "$build"; then
+  # Whole outputs first: under pipefail, `grep -q` closing the pipe early
+  # makes the writer's SIGPIPE the pipeline's status.
+  dynamic=$(readelf -d "$elf")
+  if grep -E 'R(UN)?PATH' <<<"$dynamic" | grep -F "$build" >/dev/null; then
     fail "$elf has a library path into the build tree"
   fi
 done
@@ -209,7 +212,8 @@ for app in "$app_cmake" "$app_pkgconfig"; do
   loaded=$(ldd "$app" | awk '$1 == "libzkv.so.0" { print $3 }')
   [ "$loaded" = "$libdir/libzkv.so.0" ] || fail "$app loads libzkv from '$loaded'"
 done
-env -u LD_LIBRARY_PATH ldd "$app_cmake" | grep -q "libzkv.so.0 => $libdir/libzkv.so.0" ||
+libs=$(env -u LD_LIBRARY_PATH ldd "$app_cmake")
+grep -qF "libzkv.so.0 => $libdir/libzkv.so.0" <<<"$libs" ||
   fail "the find_package build does not find libzkv without LD_LIBRARY_PATH"
 
 step "two processes on a private bus, velmorad activated from $velmorad"
