@@ -1,6 +1,6 @@
 // Dispatch: ordering and mutual exclusion, sync on the caller's thread,
-// current-queue tracking, delayed work, the main queue in both modes, the
-// pool's bounds, and the aborts on misuse. Waits have deadlines so that lost
+// delayed work, the application-driven main queue, the pool's bounds, and
+// the aborts on misuse. Waits have deadlines so that lost
 // work fails a test instead of hanging it.
 #include "velmora/platform/Dispatch.h"
 
@@ -63,34 +63,6 @@ TEST(DispatchQueueTest, SyncPassesExceptionsOnAndReleasesTheQueue) {
   std::atomic<bool> ran{false};
   queue->async([&] { ran = true; });
   EXPECT_TRUE(waitUntil([&] { return ran.load(); }, 10s));
-  bool syncRan = false;
-  queue->sync([&] { syncRan = true; });
-  EXPECT_TRUE(syncRan);
-}
-
-TEST(DispatchQueueTest, IsCurrentFollowsNestedWork) {
-  const auto a = DispatchQueue::createSerial("a");
-  const auto b = DispatchQueue::createSerial("b");
-  std::string seen;  // one letter per check: 1 when it held
-  auto check = [&](bool held) { seen += held ? '1' : '0'; };
-  check(!a->isCurrent());
-  a->sync([&] {
-    check(a->isCurrent() && !b->isCurrent());
-    b->sync([&] { check(a->isCurrent() && b->isCurrent()); });
-    check(!b->isCurrent());
-  });
-  check(!a->isCurrent());
-  std::atomic<bool> done{false};
-  a->async([&] {
-    check(a->isCurrent() && !b->isCurrent() && !DispatchQueue::main().isCurrent());
-    b->sync([&] { check(a->isCurrent() && b->isCurrent()); });
-    check(!b->isCurrent());
-    a->assertCurrent();
-    done = true;
-  });
-  ASSERT_TRUE(waitUntil([&] { return done.load(); }, 10s));
-  a->sync([] {});
-  EXPECT_EQ(seen, "11111111");
 }
 
 // Timers fire no sooner than asked, in deadline order, and with work already
@@ -117,23 +89,6 @@ TEST(DispatchQueueTest, DelayedWorkRunsInDeadlineOrderAfterTheQueueIsDropped) {
   ASSERT_TRUE(waitUntil([&] { std::lock_guard lock(mutex); return order.size() == 5; }, 10s));
   std::lock_guard lock(mutex);
   EXPECT_EQ(order, "sdbac");
-}
-
-TEST(DispatchQueueTest, MainQueueIsServedByALibraryThreadByDefault) {
-  DispatchQueue& main = DispatchQueue::main();
-  EXPECT_EQ(DispatchQueue::mainQueueFileDescriptor(), -1);
-  EXPECT_EQ(DispatchQueue::drainMainQueue(), 0u);
-  const auto self = std::this_thread::get_id();
-  std::atomic<bool> asyncElsewhere{false}, earlierDone{false};
-  main.async([&] {
-    asyncElsewhere = main.isCurrent() && std::this_thread::get_id() != self;
-    std::this_thread::sleep_for(20ms);
-    earlierDone = true;
-  });
-  bool sawEarlierDone = false;
-  main.sync([&] { sawEarlierDone = earlierDone && main.isCurrent(); });
-  EXPECT_TRUE(sawEarlierDone);
-  EXPECT_TRUE(asyncElsewhere);
 }
 
 // Sixty queues share a pool that never passes its bound, whose idle workers
@@ -207,12 +162,6 @@ TEST_F(DispatchDeathTest, MisuseAborts) {
         std::this_thread::sleep_for(10s);
       },
       "dispatch queue 'deadlock-a': boom");
-  EXPECT_DEATH(
-      {
-        DispatchQueue::main();
-        DispatchQueue::setMainQueueDrivenByApplication(true);
-      },
-      "after the main queue was first used");
 }
 
 // Runs in a fresh child process: returns 0, or the number of the first

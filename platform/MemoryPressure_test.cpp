@@ -8,7 +8,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <future>
 
 #include "PrivateBus.h"  // waitUntil, readFile
 #include "velmora/platform/Dispatch.h"
@@ -88,33 +87,6 @@ TEST_F(MemoryPressureTest, OpeningTakesTheFirstWatchThatAcceptsItsTrigger) {
   EXPECT_EQ(opened->mode, OpenedMemoryPressureWatch::Mode::Average);
   write("proc/pressure/memory", "no figures\n");
   EXPECT_EQ(openMemoryPressureWatch(fallback), std::nullopt);
-}
-
-// Each handler hears each warning on its own queue; a cancelled or dropped
-// one never does, not even a warning queued before it was removed.
-TEST(MemoryPressureMonitorTest, WarningsReachEachHandlerOnItsQueue) {
-  LinuxMemoryPressureOptions quiet;
-  quiet.watchSystem = false;
-  auto monitor = std::make_shared<LinuxMemoryPressureMonitor>(quiet);
-  auto first = DispatchQueue::createSerial("test.pressure.first");
-  auto second = DispatchQueue::createSerial("test.pressure.second");
-  std::atomic<int> onFirst{0}, onSecond{0}, onCancelled{0};
-  MemoryWarningRegistration a(monitor, monitor->addWarningHandler(first, [&] { onFirst += first->isCurrent(); }));
-  MemoryWarningRegistration b(monitor, monitor->addWarningHandler(second, [&] { onSecond += second->isCurrent(); }));
-  { MemoryWarningRegistration dropped(monitor, monitor->addWarningHandler(first, [&] { ++onCancelled; })); }
-  MemoryWarningRegistration cancelled(monitor, monitor->addWarningHandler(second, [&] { ++onCancelled; }));
-  cancelled.cancel();
-  monitor->raiseMemoryWarning();
-  monitor->raiseMemoryWarning();
-  first->sync([] {});
-  std::promise<void> go;
-  first->async([future = go.get_future().share()] { future.wait(); });
-  monitor->raiseMemoryWarning();
-  a.cancel();
-  go.set_value();
-  first->sync([] {});
-  second->sync([] {});
-  EXPECT_EQ(std::tuple(onFirst.load(), onSecond.load(), onCancelled.load()), std::tuple(2, 3, 0));
 }
 
 // The watch thread runs only while a handler is registered, and turns what
