@@ -1,5 +1,5 @@
-// NotificationCenter: matching and order, changes made during a post, and
-// removal racing a post on another thread.
+// NotificationCenter: changes made during a post, and removal racing a post
+// on another thread.
 #include "velmora/platform/NotificationCenter.h"
 
 #include <gtest/gtest.h>
@@ -16,29 +16,13 @@ namespace {
 using namespace std::chrono_literals;
 using testing::waitUntil;
 
-// An observer of "changed" with an object hears only that object, one
-// without hears every sender, in the order added. Removing a later observer
-// during a post spares it that call, one added then waits for the next post,
-// and an observer may remove itself.
-TEST(NotificationCenterTest, MatchingOrderAndChangesDuringAPost) {
-  NotificationCenter center;
-  std::string calls;
-  const int x = 0, y = 0;
-  const PropertyList info = makeDictionary({{"count", PropertyList::integer(7)}});
-  ObserverToken later = kNoObserverToken, self = kNoObserverToken;
-  center.addObserver("changed", nullptr, [&](const Notification& n) {
-    EXPECT_TRUE(n.name == "changed" && n.userInfo == info);
-    calls += n.object == &x ? "a" : "A";
-  });
-  center.addObserver("changed", &x, [&](const Notification&) { calls += "x"; });
-  center.addObserver("other", nullptr, [&](const Notification&) { calls += "o"; });
-  center.post("changed", &x, info);
-  center.post("changed", &y, info);
-  center.post("unobserved", &x);
-  EXPECT_EQ(calls, "axA");
-
+// Removing a later observer during a post spares it that call, one added
+// then waits for the next post, and an observer may remove itself. (Matching
+// by name and object is exercised by every framework notification test.)
+TEST(NotificationCenterTest, ChangesDuringAPost) {
   NotificationCenter changing;
-  calls.clear();
+  std::string calls;
+  ObserverToken later = kNoObserverToken, self = kNoObserverToken;
   changing.addObserver("changed", nullptr, [&](const Notification&) {
     calls += "1";
     changing.removeObserver(later);
@@ -55,7 +39,7 @@ TEST(NotificationCenterTest, MatchingOrderAndChangesDuringAPost) {
 }
 
 // removeObserver() returns only once the observer's calls on other threads
-// have returned, also when the observer removes itself from one of them.
+// have returned.
 TEST(NotificationCenterTest, RemovalWaitsForCallsOnOtherThreads) {
   NotificationCenter center;
   std::atomic<bool> entered{false}, finished{false};
@@ -72,26 +56,6 @@ TEST(NotificationCenterTest, RemovalWaitsForCallsOnOtherThreads) {
   entered = false;
   center.post("slow", nullptr);
   EXPECT_FALSE(entered);
-
-  std::atomic<int> calls{0};
-  std::atomic<bool> bothIn{false}, otherFinished{false}, removerSawOtherFinished{false};
-  ObserverToken self = kNoObserverToken;
-  self = center.addObserver("x", nullptr, [&](const Notification&) {
-    if (++calls == 1) {
-      ASSERT_TRUE(waitUntil([&] { return bothIn.load(); }, 10s));
-      center.removeObserver(self);
-      removerSawOtherFinished = otherFinished.load();
-    } else {
-      bothIn = true;
-      std::this_thread::sleep_for(50ms);
-      otherFinished = true;
-    }
-  });
-  std::thread first([&] { center.post("x", nullptr); });
-  std::thread second([&] { center.post("x", nullptr); });
-  first.join();
-  second.join();
-  EXPECT_TRUE(removerSawOtherFinished);
 }
 
 }  // namespace

@@ -173,16 +173,8 @@ P smallCase() {
                          {"r", P::real(2.5)}});
 }
 
-struct Trailer {
-  unsigned offsetSize, refSize;
-  std::uint64_t count;
-};
-
-Trailer trailerOf(const Bytes& b) {
-  std::uint64_t count = 0;
-  for (std::size_t i = b.size() - 24; i < b.size() - 16; ++i) count = (count << 8) | b[i];
-  return {b[b.size() - 26], b[b.size() - 25], count};
-}
+// The file's offset and reference sizes, from its trailer.
+std::pair<unsigned, unsigned> widthsOf(const Bytes& b) { return {b[b.size() - 26], b[b.size() - 25]}; }
 
 TEST(PlistInterop, PlistlibReadsOursAndWeReadPlistlibsInBothFormats) {
   const testing::ScratchDirectory dir("plist-codec");
@@ -203,69 +195,26 @@ TEST(PlistInterop, PlistlibReadsOursAndWeReadPlistlibsInBothFormats) {
     expectSameLines(value, canonicalLines(back), std::string("ours reading plistlib's ") + format);
   }
   // The corpus reaches the wide forms: 3-byte offsets past 64 KiB, 2-byte references past 255 objects.
-  const Trailer small = trailerOf(encodeBinaryPlist(smallCase()).value());
-  const Trailer all = trailerOf(encodeBinaryPlist(allCases()).value());
-  EXPECT_EQ(std::tuple(small.offsetSize, small.refSize, all.offsetSize, all.refSize), std::tuple(1u, 1u, 3u, 2u));
+  EXPECT_EQ(widthsOf(encodeBinaryPlist(smallCase()).value()), std::pair(1u, 1u));
+  EXPECT_EQ(widthsOf(encodeBinaryPlist(allCases()).value()), std::pair(3u, 2u));
 }
 
 #ifdef VELMORA_HAVE_LIBPLIST
 
-// libplist 2.2 keeps no sign (integers come back as the 64-bit pattern) and
-// keeps dates as seconds plus microseconds.
-P fromLibplist(plist_t node) {
-  std::uint8_t b = 0;
-  std::uint64_t u = 0;
-  double d = 0;
-  std::int32_t sec = 0, usec = 0;
-  char* p = nullptr;
-  auto owned = [&](P v) {  // frees what libplist handed out
-    std::free(p);
-    return v;
-  };
-  switch (plist_get_node_type(node)) {
-    case PLIST_BOOLEAN: return plist_get_bool_val(node, &b), P::boolean(b);
-    case PLIST_UINT: return plist_get_uint_val(node, &u), P::integer(static_cast<std::int64_t>(u));
-    case PLIST_REAL: return plist_get_real_val(node, &d), P::real(d);
-    case PLIST_DATE: return plist_get_date_val(node, &sec, &usec), P::date(sec + usec / 1e6);
-    case PLIST_STRING: return plist_get_string_val(node, &p), owned(P::string(p));
-    case PLIST_DATA:
-      plist_get_data_val(node, &p, &u);
-      return owned(P::data(std::span(reinterpret_cast<const std::uint8_t*>(p), u)));
-    case PLIST_ARRAY: {
-      PlistArray a;
-      for (std::uint32_t i = 0; i < plist_array_get_size(node); ++i) a.push_back(fromLibplist(plist_array_get_item(node, i)));
-      return P::array(std::move(a));
-    }
-    case PLIST_DICT: {
-      PlistDictionary dict;
-      plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
-      for (plist_t item = nullptr; plist_dict_next_item(node, it, &p, &item), item;) {
-        std::string key(p);
-        std::free(p);
-        dict.emplace(std::move(key), fromLibplist(item));
-      }
-      std::free(it);
-      return P::dictionary(std::move(dict));
-    }
-    default: return {};
-  }
-}
-
-// libplist reads our file, and then writes what it read in its own layout for us to read.
+// libplist reads our file and writes what it read in its own layout: a
+// misreading shows as a difference in what we read back.
 TEST(PlistInterop, LibplistReadsOursAndWeReadLibplists) {
   const P value = cases([](const Case& c) { return c.libplist; });
   const Bytes ours = encodeBinaryPlist(value).value();
   plist_t read = nullptr;
   plist_from_bin(reinterpret_cast<const char*>(ours.data()), static_cast<std::uint32_t>(ours.size()), &read);
   ASSERT_NE(read, nullptr);
-  expectSameLines(value, canonicalLines(fromLibplist(read)), "libplist reading ours");
   char* theirs = nullptr;
   std::uint32_t length = 0;
   plist_to_bin(read, &theirs, &length);
   plist_free(read);
   ASSERT_NE(theirs, nullptr);
-  expectSameLines(value, canonicalLines(decodeBinaryPlist(bytesOf({theirs, length}))), "ours reading libplist");
+  expectSameLines(value, canonicalLines(decodeBinaryPlist(bytesOf({theirs, length}))), "libplist's copy of ours");
   plist_to_bin_free(theirs);
 }
 
@@ -392,19 +341,12 @@ TEST(BinaryPlist, RejectsMalformedFiles) {
   EXPECT_TRUE(decodeBinaryPlist(alias).isNone());
 
   std::vector<std::pair<std::vector<RawObject>, const char*>> bad = {
-      {{dict({1}, {1}), int8(1)}, "integer key"},
-      {{dict({1}, {}), ascii("k")}, "key without room for its value"},
-      {{{{0x52, 'a', 0xE9}}}, "non-ASCII byte in an ASCII string"},
-      {{utf16({0xD800})}, "lone high surrogate at the end"},
-      {{utf16({0xD800, 0x0041})}, "high surrogate before a non-surrogate"},
-      {{utf16({0xDC00, 0xD800})}, "surrogates swapped"},
-      {{{{0x00}}}, "null object"},
-      {{{{0x80, 0x01}}}, "uid"},
-      {{wideInt(1, 0)}, "needs 65 bits"},
-      {{{{0x13, 0, 0, 0}}}, "integer cut short"},
-      {{{{0x33, 0, 0, 0, 0}}}, "date cut short"},
-      {{array({0})}, "cycle onto itself"},
-      {{array({1}), array({2}), array({0})}, "cycle of three"},
+      {{dict({1}, {1}), int8(1)}, "integer key"}, {{dict({1}, {}), ascii("k")}, "key without room for its value"},
+      {{{{0x52, 'a', 0xE9}}}, "non-ASCII byte in an ASCII string"}, {{utf16({0xD800})}, "lone high surrogate"},
+      {{utf16({0xD800, 0x0041})}, "high surrogate before a non-surrogate"}, {{utf16({0xDC00, 0xD800})}, "swapped"},
+      {{{{0x00}}}, "null object"}, {{{{0x80, 0x01}}}, "uid"}, {{wideInt(1, 0)}, "needs 65 bits"},
+      {{{{0x13, 0, 0, 0}}}, "integer cut short"}, {{{{0x33, 0, 0, 0, 0}}}, "date cut short"},
+      {{array({0})}, "cycle onto itself"}, {{array({1}), array({2}), array({0})}, "cycle of three"},
       {{dict({1}, {0}), ascii("k")}, "cycle through a dictionary"},
   };
   for (std::uint64_t count : {~0ull, ~0ull / 2 + 1, ~0ull / 8 + 1}) {  // byte sizes that overflow 64 bits
@@ -469,20 +411,6 @@ TEST(BinaryPlist, ReadsOneEntryOfTheTopDictionary) {
   }
 }
 
-TEST(BinaryPlist, WritesEqualScalarsOnceAndSharesOnRead) {
-  const P same = P::array(PlistArray(200, P::string("the same string, written once")));
-  const Bytes strings = encodeBinaryPlist(same).value();
-  EXPECT_LT(strings.size(), 300u);  // 200 copies would take over 6000 bytes
-  EXPECT_EQ(trailerOf(strings).count, 2u);
-  PlistArray numbers;
-  for (int i = 0; i < 50; ++i)  // -0.0 and 0.0: equal by value, not by bits
-    numbers.insert(numbers.end(), {P::integer(-5), P::real(-0.0), P::real(0.0)});
-  EXPECT_EQ(trailerOf(encodeBinaryPlist(P::array(numbers)).value()).count, 4u);
-  const P back = decodeBinaryPlist(strings);
-  ASSERT_EQ(back.count(), 200u);
-  EXPECT_TRUE((*back.getArray())[0].isSameObject((*back.getArray())[199]));
-}
-
 // A chain of `levels` arrays that each hold the level below twice: a tree of
 // 2^levels leaves sharing one payload per level.
 P doublingChain(int levels, P leaf) {
@@ -516,7 +444,7 @@ TEST(BinaryPlist, EncodeRefusesWhatItCannotWrite) {
   const P far = makeArray({P::date(-1e300), P::date(std::nan("")), P::date(HUGE_VAL), P::date(1e18 + 0.5),
                            P::data(pattern(17 << 20))});
   const Bytes encoded = encodeBinaryPlist(far).value();
-  EXPECT_EQ(trailerOf(encoded).offsetSize, 4u);
+  EXPECT_EQ(widthsOf(encoded).first, 4u);
   EXPECT_EQ(decodeBinaryPlist(encoded), far);
 }
 
@@ -531,19 +459,13 @@ std::string inPlist(std::string_view body) {
 
 TEST(XmlPlist, ReadsWhatHandsWrite) {
   const std::pair<const char*, P> cases[] = {
-      {"<string>   </string>", P::string("   ")},
-      {"<string>\n</string>", P::string("\n")},
+      {"<string>   </string>", P::string("   ")}, {"<string>\n</string>", P::string("\n")},
       {"<string>&lt;&amp;&gt;&#233;&#x1F600;&#13;</string>", P::string("<&>\xc3\xa9\xf0\x9f\x98\x80\r")},
-      {"<!-- note --><string><![CDATA[<raw> & ]]></string>", P::string("<raw> & ")},
-      {"<string/>", P::string("")},
-      {"<integer>0x1F</integer>", P::integer(31)},
-      {"<integer> -42 </integer>", P::integer(-42)},
-      {"<real>+1.5</real>", P::real(1.5)},
-      {"<real>1e999</real>", P::real(HUGE_VAL)},
-      {"<real>nan</real>", P::real(std::nan(""))},
-      {"<data>\n  AAEC\n  Aw==\n</data>", P::data(Bytes{0, 1, 2, 3})},
-      {"<data>AAECAw</data>", P::data(Bytes{0, 1, 2, 3})},
-      {"<date>2001-02Z</date>", P::date(31 * 86400.0)},
+      {"<!-- note --><string><![CDATA[<raw> & ]]></string>", P::string("<raw> & ")}, {"<string/>", P::string("")},
+      {"<integer>0x1F</integer>", P::integer(31)}, {"<integer> -42 </integer>", P::integer(-42)},
+      {"<real>+1.5</real>", P::real(1.5)}, {"<real>1e999</real>", P::real(HUGE_VAL)},
+      {"<real>nan</real>", P::real(std::nan(""))}, {"<data>\n  AAEC\n  Aw==\n</data>", P::data(Bytes{0, 1, 2, 3})},
+      {"<data>AAECAw</data>", P::data(Bytes{0, 1, 2, 3})}, {"<date>2001-02Z</date>", P::date(31 * 86400.0)},
       {"<array><true/> <false/></array>", makeArray({P::boolean(true), P::boolean(false)})},
       {"<dict><key>k</key><integer>1</integer><key>k</key><integer>2</integer></dict>",
        makeDictionary({{"k", P::integer(2)}})},

@@ -2,7 +2,6 @@
 #include "velmora/platform/SystemNotifications.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -77,21 +76,6 @@ class SystemNotificationsTest : public ::testing::Test {
   DbusSystemNotificationCenter center_;
 };
 
-// Posted by another process, by this one, or by any bus client with the
-// signal's documented path, interface and member.
-TEST_F(SystemNotificationsTest, PostingsFromAnywhereWakeTheObserver) {
-  const Count count = observe(name_);
-  postFromAnotherProcess({name_});
-  ASSERT_TRUE(reaches(count, 1));
-  ASSERT_TRUE(center_.post(name_));
-  ASSERT_TRUE(reaches(count, 2));
-  ASSERT_TRUE(postSystemNotification(name_));
-  ASSERT_TRUE(reaches(count, 3));
-  if (::access("/usr/bin/busctl", X_OK) != 0) GTEST_SKIP() << "no busctl";
-  run({"/usr/bin/busctl", "--user", "emit", "/com/vantrel/Notify", "com.vantrel.Notify", "Posted", "s", name_});
-  EXPECT_TRUE(reaches(count, 4));
-}
-
 // Only the observed name wakes (match-rule quoting: commas, spaces, an
 // equals sign, non-ASCII); names a match rule could not hold are refused.
 TEST_F(SystemNotificationsTest, OnlyTheObservedNameWakes) {
@@ -126,7 +110,6 @@ TEST_F(SystemNotificationsTest, BurstsCoalesceAndRemovedObserversStayQuiet) {
   const Count removed = observe(name_, nullptr, &token), ownedA = observe(name_ + ".2", &ownerA);
   const Count ownedB = observe(name_, &ownerB);
   center_.removeObserver(token);
-  center_.removeObserver(token);  // twice is harmless
   center_.removeObservers(&ownerA);
   postWithBarrier({name_, name_ + ".2"});
   queue_->sync([] {});
@@ -156,15 +139,10 @@ TEST_F(SystemNotificationsTest, RemoveWaitsForARunningCallbackButNotForItself) {
   remover.join();
 
   auto calls = std::make_shared<std::atomic<int>>(0);
-  token = kNoSystemObserverToken;
-  std::mutex tokenSet;
-  tokenSet.lock();
   token = center_.addObserver(name_, queue_, [&, calls] {
-    { std::lock_guard wait(tokenSet); }
     center_.removeObserver(token);
     ++*calls;
   });
-  tokenSet.unlock();
   ASSERT_TRUE(center_.post(name_));
   ASSERT_TRUE(reaches(calls, 1));
   postWithBarrier({name_});
@@ -173,12 +151,13 @@ TEST_F(SystemNotificationsTest, RemoveWaitsForARunningCallbackButNotForItself) {
 }
 
 // The renewed subscription after the bus restarts relays once: postings may
-// have been missed.
+// have been missed. Then any bus client with the signal's documented path,
+// interface and member wakes the observer.
 TEST_F(SystemNotificationsTest, ObserversSurviveTheBusRestartingAndHearOfPossibleMisses) {
   const Count count = observe(name_);
   PrivateBus::instance().restart();
   ASSERT_TRUE(reaches(count, 1));
-  postFromAnotherProcess({name_});
+  run({"/usr/bin/busctl", "--user", "emit", "/com/vantrel/Notify", "com.vantrel.Notify", "Posted", "s", name_});
   EXPECT_TRUE(reaches(count, 2));
 }
 
