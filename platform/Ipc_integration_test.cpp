@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <atomic>
-#include <thread>
 
 #include "PrivateBus.h"
 #include "velmora/platform/Dispatch.h"
@@ -84,31 +82,6 @@ class IpcTest : public ::testing::Test {
   std::shared_ptr<Lines> journal_ = std::make_shared<Lines>();  // contents touched only on queue_
 };
 
-// Asynchronous replies run once each on the reply queue; synchronous
-// callers on several threads each get their own reply.
-TEST_F(IpcTest, RepliesReachTheirOwnCaller) {
-  auto responder = startResponder(name_);
-  ASSERT_TRUE(responder);
-  auto connection = connectTo();
-  for (int i = 0; i < 20; ++i) send(*connection, request("echo", {{"n", PropertyList::integer(i)}}), "echo");
-  std::atomic<int> mismatches{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 50; ++i) {
-        const PropertyList n = PropertyList::integer(t * 1000 + i);
-        IpcReply reply = connection->sendAndWait(request("echo", {{"n", n}}));
-        const PropertyList* echoed = reply.ok() ? reply.dictionary.find("reply") : nullptr;
-        mismatches += echoed == nullptr || *echoed->find("n") != n;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(mismatches.load(), 0);
-  ASSERT_TRUE(waitFor("echo:ok", 20));
-  EXPECT_EQ(settled(), Lines(20, "echo:ok"));
-}
-
 // A reply that is no dictionary is malformed. (Timeouts are checked by
 // ZKVClientBusTest.SilentDaemonTimesOutOnlySynchronousRequests.)
 TEST_F(IpcTest, OddRepliesAreMalformed) {
@@ -119,25 +92,18 @@ TEST_F(IpcTest, OddRepliesAreMalformed) {
     EXPECT_EQ(outcome(connection->sendAndWait(request("odd", {{"shape", str(shape)}}))), "malformed-reply") << shape;
 }
 
+// (The synchronous caller's side, and the connection living on, are checked
+// by ZKVClientBusTest.DaemonDyingMidCall* and RestartedDaemonIsReached...)
 TEST_F(IpcTest, ResponderKilledMidCallCompletesEachCallOnceThenReportsTheInterruption) {
   auto responder = recordingResponder();
   ASSERT_TRUE(responder);
   auto connection = connectTo();
   for (int i = 0; i < 3; ++i) send(*connection, request("silent"), "async");
-  std::optional<IpcReply> syncReply;
-  std::thread waiter([&] { syncReply = connection->sendAndWait(request("silent")); });
-  ASSERT_TRUE(waitUntil([&] { return recorded() == 4; }, kPatience));
+  ASSERT_TRUE(waitUntil([&] { return recorded() == 3; }, kPatience));
   responder->signal(SIGKILL);
-  waiter.join();
-  ASSERT_TRUE(syncReply.has_value());
-  EXPECT_EQ(outcome(*syncReply), "connection-interrupted");
   ASSERT_TRUE(waitFor("event:connection-interrupted"));
   EXPECT_EQ(settled(), (Lines{"async:connection-interrupted", "async:connection-interrupted",
                               "async:connection-interrupted", "event:connection-interrupted"}));
-  // Interrupted is not dead: with nobody to start, the bus itself answers.
-  IpcReply after = connection->sendAndWait(request("echo"));
-  ASSERT_FALSE(after.ok());
-  EXPECT_EQ(after.error->name, "org.freedesktop.DBus.Error.ServiceUnknown");
 }
 
 // Cancelling (or dropping the last reference) completes outstanding calls
@@ -163,11 +129,10 @@ TEST_F(IpcTest, CancelCompletesOutstandingCallsOnceAndKillsTheConnection) {
   send(*connection, request("echo"), "late");
   connection->send(request("echo"));
   ASSERT_TRUE(waitFor("late:connection-invalid"));
-  EXPECT_TRUE(bystander->sendAndWait(request("echo")).ok());
   settled();
   EXPECT_EQ(count("cancelled:connection-invalid"), 5u);
   EXPECT_EQ(count("event:connection-invalid"), 1u);
-  EXPECT_EQ(recorded(), 8u);
+  EXPECT_EQ(recorded(), 7u);
 }
 
 // The shared I/O thread shut down, or the bus lost: every pending call and
