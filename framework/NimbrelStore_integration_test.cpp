@@ -1,35 +1,28 @@
-// NimbrelStore over the real parts: store files in a scratch home directory,
-// a private bus, and a scripted responder standing in for the daemon, whose
-// record tells what the daemon received.
+// NimbrelStore against the real velmorad: each test gets a device of its own
+// (a scratch home, a private bus, the daemon on it), this process's libzkv is
+// an application there, and another client's writes come from the device's
+// own bus connection.
 #include "zkv/NimbrelStore.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
-#include "PrivateBus.h"
-#include "RedirectingIpc.h"
-#include "ScratchEnvironment.h"
 #include "StoreFixtures.h"
 #include "SyncDevices.h"
 #include "velmora/platform/Dispatch.h"
-#include "velmora/platform/Environment.h"
-#include "velmora/platform/Ipc.h"
 #include "velmora/platform/Log.h"
-#include "velmora/platform/PlistCodec.h"
+#include "velmora/platform/NotificationCenter.h"
 #include "velmora/platform/SystemNotifications.h"
 #include "zkv/ZKVEncoding.h"
 #include "zkv/ZKVRemotePreferencesSource.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using velmora::makeArray;
 using velmora::makeDictionary;
 using velmora::PlistDictionary;
 using velmora::PropertyList;
@@ -39,123 +32,62 @@ constexpr auto kPatience = 10s;  // how long to wait for other processes
 
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
 
-class NimbrelStoreTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { PrivateBus::instance(); }
-
-  void SetUp() override {
-    // A fresh application per test, so no test meets another's store.
-    static std::atomic<int> counter{0};
-    app_ = "com.example.notes" + std::to_string(counter.fetch_add(1));
-    services_.install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(root_.string(), app_));
-    services_.install(velmora::setConsoleSink, console_);
-    services_.install(velmora::setIpcService, std::make_shared<RedirectingIpcService>(busName_));
-  }
-
-  void TearDown() override {
-    // A source outlives its store until its deferred registration has gone
-    // out; sending it now keeps it from reaching a later test's daemon.
-    for (const auto& source : sources_) source->forceRegistrationNow();
-    sources_.clear();
-  }
-
-  std::shared_ptr<NimbrelStore> keep(std::shared_ptr<NimbrelStore> store) {
-    store->useSourceSyncWithBlock(
-        [&](ZKVRemotePreferencesSource& source) { sources_.push_back(source.shared_from_this()); });
-    return store;
-  }
-
-  void startDaemon() {
-    daemon_ = startResponder(busName_, {"--record", (root_ / "record").string(), "--on", "synchronize=userinfo", "--on",
-                                        "printDebugDescription=userinfo"});
-    ASSERT_NE(daemon_, nullptr);
-  }
-  // Whether the daemon's record holds text (the requests' bodies, one a line).
-  bool recorded(const std::string& text) const {
-    return readFile((root_ / "record").string()).value_or("").find(text) != std::string::npos;
-  }
-
-  // Writes a store file as the daemon does: each value in a storage record.
-  void writeStoreFile(const std::string& name, const PlistDictionary& values, std::int64_t changeCount,
-                      PlistDictionary journal = {}) {
-    PlistDictionary extra;
-    if (!journal.empty()) extra.emplace("journal", PropertyList::dictionary(std::move(journal)));
-    ASSERT_TRUE(
-        writePlistFile(storeFilePath(root_, name).string(), storeWith(records(values), changeCount, std::move(extra))));
-  }
-  static bool announceChange() {
-    return velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification);
-  }
-
-  const ScratchDirectory scratch_{"nimbrel-store"};
-  const fs::path root_ = scratch_.path();
-  std::string app_;
-  const std::string busName_ = uniqueBusName("com.vantrel.test.store");
-  std::unique_ptr<ChildProcess> daemon_;
-  std::shared_ptr<velmora::CapturingConsoleSink> console_ = std::make_shared<velmora::CapturingConsoleSink>();
-
- private:
-  ScopedServices services_;  // put back before the scratch directory goes
-  std::vector<std::shared_ptr<ZKVRemotePreferencesSource>> sources_;
-};
-
 // Collects observer calls, and whether each ran on the main queue.
 struct ObserverLog {
   std::mutex mutex;
   std::vector<NimbrelChange> changes;  // guarded by mutex
   bool allOnMain = true;               // guarded by mutex
-  std::size_t size() {
+  NimbrelObserverToken observe(NimbrelStore& store, std::function<void()> also = {}) {
+    return store.addObserver([this, also](const NimbrelChange& change) {
+      if (also) also();
+      std::lock_guard lock(mutex);
+      changes.push_back(change);
+      allOnMain = allOnMain && velmora::DispatchQueue::main().isCurrent();
+    });
+  }
+  std::vector<NimbrelChange> wait(std::size_t count) {
+    EXPECT_TRUE(waitUntil([&] {
+      std::lock_guard lock(mutex);
+      return changes.size() >= count;
+    }, kPatience));
     std::lock_guard lock(mutex);
-    return changes.size();
+    return changes;
   }
 };
 
-TEST_F(NimbrelStoreTest, OneStorePerIdentityEachReadingItsOwnFile) {
-  startDaemon();
-  writeStoreFile(app_, {{"where", str("main")}}, 1);
-  writeStoreFile(app_ + "-S", {{"where", str("additional")}}, 1);
-  writeStoreFile("com.example.other", {{"where", str("other")}}, 1);
+class NimbrelStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(device_.ok());
+    services_.captureLog();  // debug lines on, as they would be when asked for
+    services_.install(velmora::setConsoleSink, console_);
+  }
+  // Another client of the daemon writes values of app_ (none removes a key).
+  void writeElsewhere(const PlistDictionary& values) { ASSERT_TRUE(device_.write(app_, values, recordTimestampNow())); }
+  std::int64_t fileChangeCount() { return device_.storeFile(app_).find("changecount")->integerBits(); }
 
-  std::shared_ptr<NimbrelStore> main = keep(NimbrelStore::defaultStore());
-  std::shared_ptr<NimbrelStore> extra = keep(NimbrelStore::storeWithIdentifier("S"));
-  std::shared_ptr<NimbrelStore> other = keep(NimbrelStore::storeForApplication("com.example.other"));
-  EXPECT_EQ(main, NimbrelStore::defaultStore());
-  EXPECT_EQ(main, NimbrelStore::storeWithIdentifier(""));
-  EXPECT_EQ(extra, NimbrelStore::storeWithIdentifier("S"));
-  EXPECT_EQ(other, NimbrelStore::storeForApplication("com.example.other", ""));
+  SyncDevice device_{"nimbrel-store"};
+  LibraryOn library_{device_};
+  const std::string app_ = "com.example.notes";
+  std::shared_ptr<velmora::CapturingConsoleSink> console_ = std::make_shared<velmora::CapturingConsoleSink>();
+  ScopedServices services_;
+};
+
+TEST_F(NimbrelStoreTest, OneStorePerIdentityAndTypedValuesThatReachTheStoreFile) {
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
+  std::shared_ptr<NimbrelStore> extra = NimbrelStore::storeForApplication(app_, "S");
+  EXPECT_EQ(store, NimbrelStore::storeForApplication(app_, ""));
+  EXPECT_EQ(extra, NimbrelStore::storeForApplication(app_, "S"));
+  EXPECT_EQ(NimbrelStore::defaultStore(), NimbrelStore::storeWithIdentifier(""));
+  EXPECT_EQ(NimbrelStore::storeWithIdentifier("S"), NimbrelStore::storeWithIdentifier("S"));
   // Shared or not is part of the identity, though both read one file.
-  std::shared_ptr<NimbrelStore> mainShared = keep(NimbrelStore::storeForApplication(app_));
-  EXPECT_NE(main, mainShared);
-  EXPECT_NE(main, extra);
-
-  EXPECT_EQ(main->getString("where"), "main");
-  EXPECT_EQ(mainShared->getString("where"), "main");
-  EXPECT_EQ(extra->getString("where"), "additional");
-  EXPECT_EQ(other->getString("where"), "other");
-  EXPECT_EQ(extra->description(), "<NimbrelStore app=" + app_ + " store=S>");
-
+  EXPECT_NE(NimbrelStore::defaultStore(), NimbrelStore::storeForApplication("com.example.tests"));
+  EXPECT_NE(store, extra);
   for (const char* bad : {"..", "a/b", "."}) EXPECT_EQ(NimbrelStore::storeWithIdentifier(bad), nullptr) << bad;
   EXPECT_EQ(NimbrelStore::storeForApplication(""), nullptr);
   EXPECT_EQ(NimbrelStore::storeForApplication("x", "../y"), nullptr);
+  EXPECT_EQ(extra->description(), "<NimbrelStore app=" + app_ + " store=S>");
 
-  // A shared store's requests name its application; an additional one's its store.
-  ASSERT_TRUE(other->setString("k", "v").ok());
-  ASSERT_TRUE(extra->setString("k", "v").ok());
-  EXPECT_TRUE(other->synchronize());
-  EXPECT_TRUE(extra->synchronize());
-  EXPECT_TRUE(recorded("\"bundleIdentifier\" = \"com.example.other\"; \"message\" = \"synchronize\";"));
-  EXPECT_TRUE(recorded("\"additionalStore\" = true; \"message\" = \"synchronize\"; \"storeIdentifier\" = \"S\";"));
-
-  // A released store is not handed out again: its unsynchronised writes go with it.
-  ASSERT_TRUE(main->setString("draft", "unsaved").ok());
-  std::weak_ptr<NimbrelStore> released = main;
-  main.reset();
-  ASSERT_TRUE(released.expired());
-  EXPECT_EQ(keep(NimbrelStore::defaultStore())->getString("draft"), std::nullopt);
-}
-
-TEST_F(NimbrelStoreTest, TypedValuesRoundTripWithTheDocumentedConversions) {
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
   const velmora::Bytes bytes{0, 1, 0xff};
   const velmora::PlistArray array{str("x"), PropertyList::integer(2)};
   const PlistDictionary dictionary{{"nested", PropertyList::boolean(false)}};
@@ -163,9 +95,16 @@ TEST_F(NimbrelStoreTest, TypedValuesRoundTripWithTheDocumentedConversions) {
        {store->setString("s", "text"), store->setInteger("i", -42), store->setDouble("d", 2.5),
         store->setDouble("whole", 3.0), store->setBool("b", true), store->setData("data", bytes),
         store->setArray("array", array), store->setDictionary("dict", dictionary),
-        store->setObject("date", PropertyList::date(12.0))}) {
+        store->setObject("date", PropertyList::date(12.0)), store->setString("gone", "x"), extra->setString("k", "v")}) {
     ASSERT_TRUE(result.ok());
   }
+  ASSERT_TRUE(store->removeObject("gone").ok());
+  ASSERT_TRUE(store->removeObject("gone").ok());  // already gone
+  ASSERT_TRUE(store->synchronize() && extra->synchronize());
+  const PropertyList file = device_.storeFile(app_);
+  for (const auto& [key, value] : store->dictionaryRepresentation()) EXPECT_EQ(storedValue(file, key), value) << key;
+  EXPECT_EQ(file.find("values")->count(), 9u);
+  EXPECT_EQ(storedValue(device_.storeFile(app_ + "-S"), "k"), str("v"));
 
   EXPECT_EQ(store->getString("s"), "text");
   EXPECT_EQ(store->getInteger("i"), -42);
@@ -175,33 +114,35 @@ TEST_F(NimbrelStoreTest, TypedValuesRoundTripWithTheDocumentedConversions) {
   EXPECT_EQ(store->getArray("array"), array);
   EXPECT_EQ(store->getDictionary("dict"), dictionary);
   EXPECT_EQ(store->getObject("date"), PropertyList::date(12.0));
-
   EXPECT_EQ(store->getInteger("whole"), 3);  // a real that is exactly an integer
-  EXPECT_EQ(store->getInteger("d"), std::nullopt);
   EXPECT_EQ(store->getDouble("i"), -42.0);
+  for (const char* key : {"d", "absent"}) EXPECT_EQ(store->getInteger(key), std::nullopt) << key;
   EXPECT_EQ(store->getBool("i"), std::nullopt);
   EXPECT_EQ(store->getString("i"), std::nullopt);
-  EXPECT_EQ(store->getObject("absent"), std::nullopt);
+  EXPECT_EQ(store->getData("i"), std::nullopt);
+  EXPECT_EQ(store->getArray("i"), std::nullopt);
+  EXPECT_EQ(store->getDictionary("i"), std::nullopt);
+  EXPECT_EQ(store->getDouble("s"), std::nullopt);
+  EXPECT_EQ(store->getObject("gone"), std::nullopt);
 
-  ASSERT_TRUE(store->removeObject("s").ok());
-  ASSERT_TRUE(store->removeObject("s").ok());  // already gone
-  ASSERT_TRUE(store->setObject("whole", PropertyList()).ok());
-  PlistDictionary all = store->dictionaryRepresentation();
-  EXPECT_EQ(all.size(), 7u);
-  EXPECT_FALSE(all.contains("s") || all.contains("whole"));
-  EXPECT_EQ(all["array"], PropertyList::array(array));
+  // A released store is not handed out again: its unsynchronised writes go with it.
+  ASSERT_TRUE(store->setString("draft", "unsaved").ok());
+  std::weak_ptr<NimbrelStore> released = store;
+  store.reset();
+  ASSERT_TRUE(released.expired());
+  EXPECT_EQ(NimbrelStore::storeForApplication(app_)->getString("draft"), std::nullopt);
 }
 
 TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing) {
-  startDaemon();
   auto sizeOf = [](std::size_t length) {
     return static_cast<std::uint64_t>(ZKVGetSerializedLengthForPropertyList(str(std::string(length, 'x'))));
   };
   // Sizes already in the file count towards the total; a key over the
   // length limit that exists already stays writable.
-  writeStoreFile(app_, {{"seed", str(std::string(10, 'x'))}, {"legacy-long-key", str("")}}, 1);
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  writeElsewhere({{"seed", str(std::string(10, 'x'))}, {"legacy-long-key", str("")}});
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
   const std::uint64_t total = sizeOf(0) + sizeOf(10) + sizeOf(30) + sizeOf(5);
+  std::int64_t generation = 0;
   store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) {
     source.storeConfiguration(makeDictionary({{"maxKeyCount", PropertyList::integer(4)},
                                               {"maxKeyNameLen", PropertyList::integer(8)},
@@ -210,43 +151,42 @@ TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing)
   });
   ASSERT_TRUE(store->setString("legacy-long-key", "").ok());
   ASSERT_TRUE(store->setString("a", std::string(30, 'x')).ok());
-
   const PlistDictionary before = store->dictionaryRepresentation();
-  std::int64_t generation = 0;
-  auto refused = [&](NimbrelResult result, NimbrelErrorCode code, std::string_view key, std::uint64_t size,
-                     std::uint64_t limit) {
-    ASSERT_FALSE(result.ok());
-    const NimbrelError& error = result.error();
-    EXPECT_EQ(error.code, code);
-    EXPECT_EQ(error.key, key);
-    EXPECT_EQ(error.size, size);
-    EXPECT_EQ(error.limit, limit);
-    if (limit != 0) {
-      EXPECT_NE(error.message.find(std::to_string(size)), std::string::npos) << error.message;
-      EXPECT_NE(error.message.find(std::to_string(limit)), std::string::npos) << error.message;
-    }
-    if (!key.empty() && velmora::isValidUtf8(key)) {
-      EXPECT_NE(error.message.find(key), std::string::npos) << error.message;
-    }
-  };
   store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) { generation = source.generationCount(); });
 
-  refused(store->setString("123456789", "v"), NimbrelErrorCode::kKeyTooLong, "123456789", 9, 8);
-  refused(store->setString("", "v"), NimbrelErrorCode::kInvalidKey, "", 0, 0);
-  refused(store->setString("k\xff", "v"), NimbrelErrorCode::kInvalidKey, "k\xff", 0, 0);
-  refused(store->setString("u", "caf\xc3"), NimbrelErrorCode::kInvalidValue, "u", 0, 0);
-  refused(store->setArray("u", {str("fine"), PropertyList()}), NimbrelErrorCode::kInvalidValue, "u", 0, 0);
-  refused(store->setString("big", std::string(31, 'x')), NimbrelErrorCode::kValueTooLarge, "big", sizeOf(31),
-          sizeOf(30));
-  refused(store->setString("b", std::string(30, 'x')), NimbrelErrorCode::kTotalTooLarge, "b",
-          sizeOf(0) + sizeOf(10) + 2 * sizeOf(30), total);
-  ASSERT_TRUE(store->setString("b", "y").ok());  // the fourth key
-  refused(store->setString("c", "z"), NimbrelErrorCode::kTooManyKeys, "c", 5, 4);
+  struct Case {
+    NimbrelResult result;
+    NimbrelErrorCode code;
+    std::string key;
+    std::uint64_t size, limit;
+  };
+  const Case cases[] = {
+      {store->setString("123456789", "v"), NimbrelErrorCode::kKeyTooLong, "123456789", 9, 8},
+      {store->setString("", "v"), NimbrelErrorCode::kInvalidKey, "", 0, 0},
+      {store->setString("k\xff", "v"), NimbrelErrorCode::kInvalidKey, "k\xff", 0, 0},
+      {store->setString("u", "caf\xc3"), NimbrelErrorCode::kInvalidValue, "u", 0, 0},
+      {store->setArray("u", {str("fine"), PropertyList()}), NimbrelErrorCode::kInvalidValue, "u", 0, 0},
+      {store->setString("big", std::string(31, 'x')), NimbrelErrorCode::kValueTooLarge, "big", sizeOf(31), sizeOf(30)},
+      {store->setString("b", std::string(30, 'x')), NimbrelErrorCode::kTotalTooLarge, "b",
+       sizeOf(0) + sizeOf(10) + 2 * sizeOf(30), total},
+      {[&] {
+         EXPECT_TRUE(store->setString("b", "y").ok());  // the fourth key
+         return store->setString("c", "z");
+       }(),
+       NimbrelErrorCode::kTooManyKeys, "c", 5, 4},
+      // A batch is refused whole, at the first key over a limit as if written in key order.
+      {store->setObjects({{"b", PropertyList()}, {"c", str("z")}, {"d", str("w")}}), NimbrelErrorCode::kTooManyKeys, "d", 5, 4}};
+  for (const Case& c : cases) {
+    ASSERT_FALSE(c.result.ok()) << c.key;
+    const NimbrelError& error = c.result.error();
+    EXPECT_EQ(std::tuple(error.code, error.key, error.size, error.limit), std::tuple(c.code, c.key, c.size, c.limit));
+    for (const std::string& part : {std::to_string(c.size), std::to_string(c.limit), c.key}) {
+      if ((c.limit != 0 || part == c.key) && velmora::isValidUtf8(part)) {
+        EXPECT_NE(error.message.find(part), std::string::npos) << error.message;
+      }
+    }
+  }
   EXPECT_NE(store->setString("u", "caf\xc3").error().message.find("UTF-8"), std::string::npos);
-  // A batch is refused whole, at the first key over a limit as if written in key order.
-  refused(store->setObjects({{"b", PropertyList()}, {"c", str("z")}, {"d", str("w")}}), NimbrelErrorCode::kTooManyKeys,
-          "d", 5, 4);
-
   PlistDictionary expected = before;
   expected["b"] = str("y");
   EXPECT_EQ(store->dictionaryRepresentation(), expected);
@@ -259,168 +199,120 @@ TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing)
   EXPECT_TRUE(store->setString("c", "z").ok());
   EXPECT_TRUE(store->setObjects({{"c", PropertyList()}, {"d", str("w")}}).ok());
   EXPECT_EQ(store->getString("d"), "w");
-  EXPECT_FALSE(store->getObject("c"));
   ASSERT_TRUE(store->synchronize());
-
   // A reload after a change elsewhere counts the sizes afresh.
   ObserverLog log;
-  store->addObserver([&](const NimbrelChange& change) {
-    std::lock_guard lock(log.mutex);
-    log.changes.push_back(change);
-  });
-  writeStoreFile(app_, {{"c", str("z")}}, 5, {{"seed", journalEntry(5, 0)}, {"a", journalEntry(5, 0)}});
-  ASSERT_TRUE(announceChange());
-  ASSERT_TRUE(waitUntil([&] { return log.size() > 0; }, kPatience));
+  log.observe(*store);
+  writeElsewhere({{"seed", PropertyList()}, {"a", PropertyList()}});
+  log.wait(1);
   EXPECT_TRUE(store->setString("b", std::string(30, 'x')).ok());
-}
 
-TEST_F(NimbrelStoreTest, ConcurrentWritersTogetherStayWithinTheTotal) {
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
-  const std::string value(20, 'x');
-  const auto size = static_cast<std::int64_t>(ZKVGetSerializedLengthForPropertyList(str(value)));
-  store->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) {
+  // Writers on several threads together stay within the total.
+  std::shared_ptr<NimbrelStore> shared = NimbrelStore::storeForApplication(app_ + ".threads");
+  const auto size = static_cast<std::int64_t>(sizeOf(20));
+  shared->useSourceSyncWithBlock([&](ZKVRemotePreferencesSource& source) {
     source.storeConfiguration(makeDictionary({{"maxKeyDataSum", PropertyList::integer(10 * size)}}));
   });
   std::atomic<int> accepted{0};
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
     writers.emplace_back([&, t] {
-      for (int i = 0; i < 10; ++i) {
-        if (store->setString("t" + std::to_string(t) + "-" + std::to_string(i), value).ok()) ++accepted;
-      }
+      for (int i = 0; i < 10; ++i) accepted += shared->setString("t" + std::to_string(t) + "-" + std::to_string(i), std::string(20, 'x')).ok();
     });
   }
   for (std::thread& writer : writers) writer.join();
   EXPECT_EQ(accepted, 10);
-  EXPECT_EQ(store->dictionaryRepresentation().size(), 10u);
+  EXPECT_EQ(shared->dictionaryRepresentation().size(), 10u);
 }
 
-TEST_F(NimbrelStoreTest, ObserversHearChangesOnTheMainQueueBeforeTheJournalIsDiscarded) {
-  startDaemon();
-  writeStoreFile(app_, {{"a", str("1")}}, 1);
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+// Observers hear another client's changes on the main queue, before the
+// daemon is let to drop their journal entries; a new store hears only what
+// changes after it appeared, not the journal's history.
+TEST_F(NimbrelStoreTest, ObserversHearOnlyNewChangesOnTheMainQueueBeforeTheJournalIsDiscarded) {
+  writeElsewhere({{"a", str("1")}, {"gone", str("x")}});
+  writeElsewhere({{"gone", PropertyList()}});
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
   ASSERT_EQ(store->getString("a"), "1");
-
   ObserverLog log;
-  std::atomic<bool> discardedEarly{false};
-  store->addObserver([&](const NimbrelChange& change) {
-    if (recorded("discardJournalEntries")) discardedEarly = true;
-    std::lock_guard lock(log.mutex);
-    log.changes.push_back(change);
-    log.allOnMain = log.allOnMain && velmora::DispatchQueue::main().isCurrent();
+  std::atomic<bool> journaled{true};
+  log.observe(*store, [&] {
+    const PropertyList* journal = device_.storeFile(app_).find("journal");
+    journaled = journaled && journal != nullptr && journal->find("b") != nullptr;
   });
   std::atomic<int> removedCalls{0};
   store->removeObserver(store->addObserver([&](const NimbrelChange&) { ++removedCalls; }));
-
-  writeStoreFile(app_, {{"a", str("2")}, {"b", str("x")}, {"c", str("y")}, {"d", str("w")}}, 3,
-                 {{"a", journalEntry(2, 0)},
-                  {"b", journalEntry(3, 0)},
-                  {"c", journalEntry(3, 2)},
-                  {"d", journalEntry(3, 7)},
-                  {"old", journalEntry(1, 0)}});
-  ASSERT_TRUE(announceChange());
-  ASSERT_TRUE(waitUntil([&] { return log.size() >= 3; }, kPatience));
-  ASSERT_TRUE(waitUntil([&] { return recorded("discardJournalEntries"); }, kPatience));
-
-  {
-    std::lock_guard lock(log.mutex);
-    EXPECT_EQ(log.changes, (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"a", "b"}},
-                                                       {kNimbrelChangeReasonQuotaViolation, {"c"}},
-                                                       {7, {"d"}}}));
-    EXPECT_TRUE(log.allOnMain);
-  }
-  EXPECT_FALSE(discardedEarly);
+  // A notice while the file stands at the store's own count: nothing is news.
+  ASSERT_TRUE(velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification));
+  writeElsewhere({{"b", str("2")}});
+  EXPECT_EQ(log.wait(1), (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"b"}}}));
+  EXPECT_TRUE(log.allOnMain);
+  EXPECT_TRUE(journaled);
   EXPECT_EQ(removedCalls, 0);
-  EXPECT_TRUE(recorded("\"message\" = \"discardJournalEntries\"; \"userinfo\" = 3;"));
-  EXPECT_EQ(store->getString("a"), "2");
-}
-
-TEST_F(NimbrelStoreTest, ANewStoreHearsOnlyWhatChangesAfterItAppears) {
-  startDaemon();
-  // History: entries a process that starts now has nothing to learn from.
-  writeStoreFile(app_, {{"a", str("1")}, {"gone", str("x")}}, 5, {{"a", journalEntry(4, 0)}, {"gone", journalEntry(5, 2)}});
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
-  ObserverLog log;
-  store->addObserver([&](const NimbrelChange& change) {
-    std::lock_guard lock(log.mutex);
-    log.changes.push_back(change);
-  });
-
-  // A notice while the file stands at the store's own count (its own
-  // hand-over coming back, say): nothing is news.
-  ASSERT_TRUE(announceChange());
-  // Then a real change; notices are handled in order, so a report of the
-  // history would come first.
-  writeStoreFile(app_, {{"a", str("1")}, {"b", str("2")}}, 6, {{"a", journalEntry(4, 0)}, {"b", journalEntry(6, 0)}});
-  ASSERT_TRUE(announceChange());
-  ASSERT_TRUE(waitUntil([&] { return log.size() >= 1; }, kPatience));
-  {
-    std::lock_guard lock(log.mutex);
-    EXPECT_EQ(log.changes, (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"b"}}}));
-  }
   EXPECT_EQ(store->getString("b"), "2");
-  EXPECT_EQ(store->getString("a"), "1");
+  // Once heard, the entries are released and the daemon drops them.
+  EXPECT_TRUE(waitUntil([&] { return device_.storeFile(app_).find("journal") == nullptr; }, kPatience));
 }
 
+// The daemon stored another client's "b" between this store's load and its
+// hand-over, and answered the hand-over past it; the notice of "b" comes
+// only after that answer. The store must read the file again though the
+// file's count is the one the answer named.
 TEST_F(NimbrelStoreTest, AHandOverAnsweredPastAnotherWriterStillRereadsTheFile) {
-  // The daemon stored another process's "b" at 6 between this store's load
-  // (at 5) and its hand-over, which it answers with 7.
-  const fs::path script = root_ / "script.plist";
-  const PropertyList file = storeWith(records({{"a", str("1")}, {"b", str("other")}, {"c", str("mine")}}), 7,
-                                      {{"journal", PropertyList::dictionary({{"b", journalEntry(6, 0)},
-                                                                             {"c", journalEntry(7, 0)}})}});
-  ASSERT_TRUE(writePlistFile(
-      script.string(),
-      PropertyList::dictionary({{"synchronize", makeDictionary({{"writeFile", str(storeFilePath(root_, app_).string())},
-                                                                {"fileContents", file},
-                                                                {"userinfo", makeDictionary({{"changecount",
-                                                                                           PropertyList::integer(7)}})}})}})));
-  daemon_ = startResponder(busName_, {"--default", "userinfo", "--script", script.string()});
-  ASSERT_NE(daemon_, nullptr);
-  writeStoreFile(app_, {{"a", str("1")}}, 5);
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::defaultStore());
+  services_.install(velmora::setSystemNotificationCenter, std::make_shared<SilentSystemNotificationCenter>());
+  writeElsewhere({{"a", str("1")}});
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
+  ASSERT_EQ(store->getString("a"), "1");
+  writeElsewhere({{"b", str("other")}});
   ASSERT_TRUE(store->setString("c", "mine").ok());
   ASSERT_TRUE(store->synchronize());
+  ASSERT_EQ(fileChangeCount(), 3);
   ASSERT_EQ(store->getObject("b"), std::nullopt);
-
-  // The count matches the file's, but the cache never saw "b".
-  ASSERT_TRUE(announceChange());
+  store->useSourceSyncWithBlock([](ZKVRemotePreferencesSource& source) {
+    velmora::NotificationCenter::defaultCenter().post(ZKVRemotePreferencesSourceDidChangeNotification, &source);
+  });
   EXPECT_TRUE(waitUntil([&] { return store->getString("b") == "other"; }, kPatience));
   EXPECT_EQ(store->getString("c"), "mine");
 }
 
-TEST_F(NimbrelStoreTest, DebugDescriptionIsOneConsoleLineWithOrWithoutADaemon) {
-  std::shared_ptr<NimbrelStore> store = keep(NimbrelStore::storeWithIdentifier("S"));
-  const std::string description = "<NimbrelStore app=" + app_ + " store=S>";
-  store->printDebugDescription();
-  EXPECT_EQ(console_->lines(), std::vector<std::string>{"Can't get information on " + description});
-
-  console_->clear();
-  startDaemon();
-  store->printDebugDescription();
-  // The responder answers with the request's own (empty) user info.
-  EXPECT_EQ(console_->lines(), std::vector<std::string>{description + ": {}"});
+// A forced hand-over reads the file back: the count is the file's, and the
+// keys just handed over are this process's own writes, not news.
+TEST_F(NimbrelStoreTest, AForcedHandOverReadsTheFileBackWithoutReportingItsOwnWrites) {
+  writeElsewhere({{"a", str("theirs")}});
+  auto source = ZKVRemotePreferencesSource::create(app_, true);
+  source->setValueForKey(str("mine"), "b");
+  EXPECT_TRUE(source->synchronizeForced(true));
+  EXPECT_EQ(loadState(*source).storageChangeCount, fileChangeCount());
+  EXPECT_EQ(source->getValueForKey("a"), str("theirs"));
+  EXPECT_EQ(source->copyExternalChangesWithChangeCount(nullptr), (std::map<std::int64_t, std::vector<std::string>>{{0, {"a"}}}));
 }
 
-// Against the real daemon: a value the bus's natural form cannot hold is
-// handed over as it is and holds up no other key; one the store file could
-// not hold is refused when written.
-TEST(NimbrelStoreDaemonTest, AwkwardValuesReachTheDaemonAndHoldUpNoOtherKey) {
-  SyncDevice device("awkward-values");
-  ASSERT_TRUE(device.ok());
-  LibraryOn library(device);
-  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication("com.example.awkward");
+TEST_F(NimbrelStoreTest, DebugDescriptionIsOneConsoleLineWithOrWithoutTheDaemon) {
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_, "S");
+  const std::string description = "<NimbrelStore app=" + app_ + " store=S>";
+  store->printDebugDescription();
+  ASSERT_EQ(console_->lines().size(), 1u);
+  EXPECT_TRUE(console_->lines()[0].starts_with(description + ": ")) << console_->lines()[0];
+  console_->clear();
+  device_.stopDaemon();
+  store->printDebugDescription();
+  EXPECT_EQ(console_->lines(), std::vector<std::string>{"Can't get information on " + description});
+}
+
+// A value the bus's natural form cannot hold is handed over as it is and
+// holds up no other key; one the store file could not hold is refused when written.
+TEST_F(NimbrelStoreTest, AwkwardValuesReachTheDaemonAndHoldUpNoOtherKey) {
+  std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
   PropertyList deepest = str("innermost");  // arrays and dictionaries, as deep as a value may nest
   for (int i = 0; i < ZKVRemotePreferencesSource::kMaximumValueDepth; ++i) {
-    deepest = i % 2 ? velmora::makeArray({deepest}) : makeDictionary({{"k", deepest}});
+    deepest = i % 2 ? makeArray({deepest}) : makeDictionary({{"k", deepest}});
   }
   const PlistDictionary values = {{"nul", str(std::string("a\0b", 3))}, {std::string("k\0ey", 4), str("v")},
                                   {"deepest", deepest}, {"good", str("g")}};
   for (const auto& [key, value] : values) ASSERT_TRUE(store->setObject(key, value).ok()) << key;
   ASSERT_TRUE(store->synchronize());
-  const PropertyList file = device.storeFile("com.example.awkward");
+  const PropertyList file = device_.storeFile(app_);
   for (const auto& [key, value] : values) EXPECT_EQ(storedValue(file, key), value) << key;
-  EXPECT_FALSE(store->setObject("too deep", velmora::makeArray({deepest})).ok());
+  EXPECT_FALSE(store->setObject("too deep", makeArray({deepest})).ok());
 }
 
 }  // namespace
