@@ -1,36 +1,766 @@
-// NimbrelStore against the real velmorad: each test gets a device of its own
-// (a scratch home, a private bus, the daemon on it), this process's libzkv is
-// an application there, and another client's writes come from the device's
-// own bus connection.
+// libzkv end to end on private buses, with store files in scratch homes and
+// a clock of the test's own. SourceTest talks to the scripted responder,
+// which answers as each test tells it and records what it received, and
+// when: it gives what the real daemon cannot show on demand (the exact
+// requests with their order and timing, refusals, dropped or missing
+// replies, replies of odd shapes, a daemon that dies mid-call, journals
+// another implementation might write). NimbrelStoreTest talks to the real
+// velmorad, on a device of its own, where another client's writes come from
+// the device's own bus connection.
 #include "zkv/NimbrelStore.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
-#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
 #include <mutex>
 #include <thread>
 
+#include "PrivateBus.h"
+#include "RedirectingIpc.h"
+#include "ScratchEnvironment.h"
 #include "StoreFixtures.h"
 #include "SyncDevices.h"
 #include "velmora/platform/Dispatch.h"
+#include "velmora/platform/Environment.h"
 #include "velmora/platform/Log.h"
+#include "velmora/platform/MemoryPressure.h"
 #include "velmora/platform/NotificationCenter.h"
+#include "velmora/platform/PlistCodec.h"
 #include "velmora/platform/SystemNotifications.h"
+#include "zkv/ZKVClient.h"
 #include "zkv/ZKVEncoding.h"
 #include "zkv/ZKVRemotePreferencesSource.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using velmora::DispatchQueue;
+using velmora::LogLevel;
 using velmora::makeArray;
 using velmora::makeDictionary;
 using velmora::PlistDictionary;
 using velmora::PropertyList;
 using namespace velmora::testing;  // the shared fixtures of tests/support
+using Source = ZKVRemotePreferencesSource;
+using Messages = std::vector<std::string>;
 
 constexpr auto kPatience = 10s;  // how long to wait for other processes
+constexpr double kNow = 800'000'000.25;
 
 PropertyList str(std::string text) { return PropertyList::string(std::move(text)); }
+PropertyList integer(std::int64_t value) { return PropertyList::integer(value); }
+PropertyList dict(PlistDictionary entries = {}) { return PropertyList::dictionary(std::move(entries)); }
+PropertyList daemonError(const char* domain, std::int64_t code) {
+  return makeDictionary({{"domain", str(domain)}, {"code", integer(code)}});
+}
+
+// A home directory, QXFIXED_USER_HOME, a host application and a clock of the test's choosing.
+struct TestEnvironment final : velmora::Environment {
+  std::optional<std::string> getVariable(std::string_view name) const override {
+    return name == "QXFIXED_USER_HOME" ? contained : std::nullopt;
+  }
+  std::optional<std::string> homeDirectory() const override { return home; }
+  double absoluteTime() const override { return now.load(); }
+  std::optional<std::string> hostApplicationIdentifier() const override { return host; }
+  bool isSandboxed() const override { return false; }
+  std::optional<std::string> home, contained, host;  // set on the test's thread before the code under test reads them
+  std::atomic<double> now{kNow};
+};
+
+// Sends through send and waits for the reply handler, which must run once, on the main queue.
+ZKVReply awaitReply(const std::function<void(ZKVReplyHandler)>& send) {
+  auto promise = std::make_shared<std::promise<ZKVReply>>();
+  std::future<ZKVReply> future = promise->get_future();
+  send([promise](const ZKVReply& reply) {
+    EXPECT_TRUE(DispatchQueue::main().isCurrent());
+    promise->set_value(reply);  // a second call throws
+  });
+  if (future.wait_for(kPatience) == std::future_status::ready) return future.get();
+  ADD_FAILURE() << "the reply handler never ran";
+  return str("<no reply>");
+}
+
+void drainMainQueue() {
+  std::promise<void> done;
+  DispatchQueue::main().async([&] { done.set_value(); });
+  ASSERT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
+}
+
+// Counts the in-process notifications of one name posted with one object.
+struct NotificationCount {
+  std::atomic<int> count{0};
+  velmora::ObserverToken token;
+  NotificationCount(const char* name, const void* object)
+      : token(velmora::NotificationCenter::defaultCenter().addObserver(name, object, [this](const velmora::Notification&) {
+          ++count;
+        })) {}
+  ~NotificationCount() { velmora::NotificationCenter::defaultCenter().removeObserver(token); }
+};
+
+class SourceTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { PrivateBus::instance(); }
+  void SetUp() override {
+    env_->home = home_.string();
+    fs::create_directories(storeDirectory(home_));
+    services_.install(velmora::setEnvironment, env_);
+    services_.install(velmora::setLogSink, log_);
+    services_.quietMemoryPressure();  // warnings come from raiseMemoryWarning() only
+    useCallTimeout(kPatience);
+  }
+  void TearDown() override {
+    // Deferred work keeps a source alive for up to two seconds; a client
+    // holds itself until its connection is gone.
+    for (const auto& weak : sources_) EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience));
+    for (const auto& weak : clients_) {
+      if (auto client = weak.lock()) client->shutdown();
+    }
+    for (const auto& weak : clients_) EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience)) << "a client leaked";
+  }
+
+  // The real transport with the daemon's name swapped for the test's own;
+  // until a responder owns it, requests fail at once. A fresh one counts its
+  // connections from 0.
+  void useCallTimeout(std::chrono::milliseconds timeout) {
+    ipc_ = std::make_shared<RedirectingIpcService>(busName_, velmora::DbusIpcOptions{.busAddress = {}, .callTimeout = timeout});
+    services_.install(velmora::setIpcService, ipc_);
+  }
+  std::shared_ptr<ZKVClient> makeClient(std::optional<std::string> bundle = "com.example.app",
+                                        std::optional<std::string> store = std::nullopt, bool additional = false) {
+    auto client = ZKVClient::create(nullptr, std::move(bundle), std::move(store), additional);
+    clients_.push_back(client);
+    return client;
+  }
+  // A shared store, so that its requests carry application as "bundleIdentifier".
+  std::shared_ptr<Source> makeSource(const std::string& application, bool shared = true) {
+    auto source = Source::create(application, std::nullopt, shared);
+    sources_.push_back(source);
+    return source;
+  }
+  std::string storePath(const std::string& application = "A") const { return storeFilePath(home_, application).string(); }
+  void writeStore(const std::string& application, const PropertyList& store) {
+    ASSERT_TRUE(writePlistFile(storePath(application), store));
+  }
+  // What the daemon does, by message name (see the responder's --script).
+  void script(PlistDictionary steps) { ASSERT_TRUE(writePlistFile((root_ / "script.plist").string(), dict(std::move(steps)))); }
+  // A fresh responder; it answers unscripted messages with {"userinfo": the
+  // request's "userinfo"} unless arguments say otherwise.
+  void startDaemon(std::vector<std::string> arguments = {}) {
+    daemon_.reset();  // the name is free for the new one
+    recordDirectory_ = (root_ / ("requests-" + std::to_string(++daemons_))).string();
+    fs::create_directories(recordDirectory_);
+    arguments.insert(arguments.begin(), {"--default", "userinfo", "--script", (root_ / "script.plist").string(),
+                                         "--timeline", (root_ / "timeline").string(), "--record-plists", recordDirectory_});
+    daemon_ = startResponder(busName_, arguments);
+    ASSERT_NE(daemon_, nullptr);
+  }
+  // The requests the current responder received, in order.
+  std::vector<PropertyList> requests() const { return readRecordedRequests(recordDirectory_); }
+  // The "userinfo" of each of them with this message name, in order.
+  std::vector<PropertyList> payloadsOf(const std::string& message) const {
+    std::vector<PropertyList> payloads;
+    for (const PropertyList& request : requests()) {
+      if (*request.find("message") == str(message)) payloads.push_back(*request.find("userinfo"));
+    }
+    return payloads;
+  }
+  Messages messagesFrom(const std::string& application) const {
+    Messages messages;
+    for (const ResponderArrival& arrival : readTimeline((root_ / "timeline").string())) {
+      if (arrival.bundleIdentifier == application) messages.push_back(arrival.message);
+    }
+    return messages;
+  }
+  // Waits for every source made so far to be released (their deferred tasks
+  // have run), then for a request of a fresh store to be answered: all share
+  // one bus connection, so everything sent before has arrived.
+  void settle() {
+    for (const auto& weak : sources_) ASSERT_TRUE(waitUntil([&] { return weak.expired(); }, kPatience));
+    (void)makeSource("fence")->serverSideDebugDescription();
+  }
+  // Returns once the reply handlers queued for source before it have run.
+  static void fence(Source& source) {
+    (void)awaitReply([&](ZKVReplyHandler handler) { source.synchronizationWithCompletionHandler(handler); });
+  }
+  bool logged(LogLevel level, const std::string& message) const {
+    return waitUntil([&] { return loggedOnDefaultChannel(*log_, level, message); }, kPatience);
+  }
+  // Raises a memory warning and waits for the source's handler to have run.
+  static void warn(Source& source) {
+    velmora::raiseMemoryWarning();
+    source.protectionQueue()->sync([] {});
+  }
+
+  const ScratchDirectory scratch_{"zkv-source"};
+  const fs::path root_ = scratch_.path();
+  const fs::path home_ = root_ / "home";
+  const std::string busName_ = uniqueBusName("com.vantrel.test.source");
+  std::string recordDirectory_ = (root_ / "none").string();
+  int daemons_ = 0;
+  std::unique_ptr<ChildProcess> daemon_;
+  std::vector<std::weak_ptr<Source>> sources_;
+  std::vector<std::weak_ptr<ZKVClient>> clients_;
+  std::shared_ptr<RedirectingIpcService> ipc_;
+  std::shared_ptr<TestEnvironment> env_ = std::make_shared<TestEnvironment>();
+  std::shared_ptr<velmora::CapturingLogSink> log_ = std::make_shared<velmora::CapturingLogSink>();
+  ScopedServices services_;  // put back before the scratch directory goes
+};
+
+// ---------------------------------------------------------------------------
+// The source on its own (no daemon answers).
+
+TEST_F(SourceTest, StoreFileLocation) {
+  const fs::path plain = storePath();
+  struct Case {
+    std::optional<std::string> storeID;
+    bool shared, additional;
+    std::optional<std::string> container;
+    bool contained;  // QXFIXED_USER_HOME set
+    std::optional<fs::path> location;
+  };
+  for (const Case& c : {Case{"S", false, false, std::nullopt, false, plain},  // the identifier names the file only when additional
+                        Case{"S", false, true, std::nullopt, false, storePath("A-S")},
+                        Case{std::nullopt, false, false, "/c", false, plain},
+                        Case{std::nullopt, false, false, "/c", true, "/c/Library/Quellstore/A.plist"},
+                        Case{std::nullopt, false, false, "c", true, fs::current_path() / "c/Library/Quellstore/A.plist"},
+                        Case{std::nullopt, false, false, std::nullopt, true, plain},
+                        Case{std::nullopt, true, false, "/c", true, plain}}) {  // never for a shared store
+    env_->contained = c.contained ? std::optional<std::string>("") : std::nullopt;
+    auto source = Source::create("A", c.storeID, c.shared, c.additional, c.container);
+    EXPECT_EQ(source->urlOnDisk(), c.location) << c.container.value_or("-") << c.contained;
+    EXPECT_EQ(source->client()->storeIdentifier(), c.storeID);
+    EXPECT_EQ(source->client()->bundleIdentifier(), c.shared ? std::optional<std::string>("A") : std::nullopt);
+  }
+  env_->home.reset();
+  EXPECT_EQ(ZKVRemotePreferencesCreateURLForStorage("A", std::nullopt, std::nullopt, false), std::nullopt);
+  EXPECT_EQ(Source::create("A", false)->urlOnDisk(), std::nullopt);
+  // Without an application the values live in memory only.
+  auto memory = Source::create(std::nullopt, false);
+  memory->setValueForKey(str("v"), "k");
+  EXPECT_EQ(memory->getValueForKey("k"), str("v"));
+  EXPECT_TRUE(memory->synchronize());
+  EXPECT_EQ(loadState(*memory).storageChangeCount, -1);  // nothing was read
+}
+
+TEST_F(SourceTest, WritesAreValidatedStampedAndCountedOnlyWhenTheyChangeSomething) {
+  const std::string longKey(100, 'L'), key64(64, 'a'), tooLong(65, 'b');
+  writeStore("A", storeWith({{longKey, record(str("old"))}, {"broken", makeDictionary({{"value", str("x")}})}}, 1));
+  auto source = makeSource("A", false);
+  const std::size_t transactions = velmora::KeepAliveTransaction::activeCount();
+  EXPECT_EQ(source->copyKeyList().size(), 2u);  // an undecodable record is listed but has no value
+  EXPECT_EQ(source->copyDictionary(), (PlistDictionary{{longKey, str("old")}}));
+  EXPECT_EQ(source->lastAccess(), 0.0);  // listing is not use
+  source->setValueForKey(str("v"), "");
+  EXPECT_TRUE(logged(LogLevel::Default, "NimbrelStore does not support empty keys"));
+  source->setValueForKey(PropertyList(), "absent");
+  EXPECT_FALSE(dirtyKeys(*source));
+
+  env_->now = 1000.9;
+  source->setValueForKey(str("v"), key64);
+  source->setValueForKey(str("v"), key64);       // unchanged: no write
+  source->setValueForKey(str("new"), longKey);  // keys in the cache are never measured
+  EXPECT_EQ(source->lastAccess(), 1000.9);
+  std::int64_t stamp = 0;
+  ZKVGetPropertyListAndTimestampFromStorage(loadState(*source).cache->at(key64), &stamp);
+  EXPECT_EQ(stamp, 1000);  // whole seconds
+  // Refused with an assertion naming the file; the value is tested before the key, whose bytes are counted.
+  const PropertyList bad = makeArray({str("fine"), PropertyList()});
+  std::string euros;
+  for (int i = 0; i < 22; ++i) euros += "\u20ac";
+  for (const auto& [value, key, what] :
+       {std::tuple{str("v"), tooLong, "NimbrelStore: key '" + tooLong + "' is too long."}, {str("v"), euros, std::string()},
+        {bad, euros, "NimbrelStore: value is not property-list compatible: " + bad.description()},
+        {str("bad \xff"), std::string("k"), std::string()}}) {
+    try {
+      source->setValueForKey(value, key);
+      ADD_FAILURE() << key << " accepted";
+    } catch (const ZKVAssertionFailure& failure) {
+      EXPECT_TRUE(what.empty() || failure.what() == what) << failure.what();
+      EXPECT_EQ(failure.file(), "framework/ZKVRemotePreferencesSource");
+      EXPECT_EQ(failure.operation(), "ZKVRemotePreferencesSource::setValueForKey");
+      EXPECT_EQ(failure.object(), source.get());
+    }
+  }
+  EXPECT_THROW(source->setValuesForKeys({{"k", str("v")}, {tooLong, str("v")}}), ZKVAssertionFailure);
+  EXPECT_THROW(source->setValuesForKeys({{"k", bad}}), ZKVAssertionFailure);
+  EXPECT_EQ(source->generationCount(), 2);
+  EXPECT_EQ(dirtyKeys(*source), (Source::KeySet{key64, longKey}));
+  source->setValuesForKeys({{key64, PropertyList()}, {"", str("ignored")}, {"b", str("w")}});
+  EXPECT_EQ(source->generationCount(), 4);
+  EXPECT_EQ(source->getValueForKey(key64), PropertyList());
+  // The keep-alive transaction is held only while the source works.
+  source->protectionQueue()->sync([&] {
+    source->lockedZkvStartTransaction();
+    source->lockedZkvStartTransaction();
+    EXPECT_EQ(velmora::KeepAliveTransaction::activeCount(), transactions + 1);
+    source->lockedZkvEndTransaction();
+  });
+  EXPECT_EQ(velmora::KeepAliveTransaction::activeCount(), transactions);
+}
+
+TEST_F(SourceTest, ReadsStoreFilesWrittenByPythonAndSurvivesUnusableOnes) {
+  for (std::string format : {"FMT_XML", "FMT_BINARY"}) {
+    std::ofstream(root_ / "w.py")
+        << "import plistlib\n"
+           "v = {'s': {'timestamp': 700000000, 'value': 'h\\u00e9'},\n"
+           "     'd': {'timestamp': 700000001, 'value': {'b': b'\\x00\\x01', 'l': [1, 2.5, True]}}}\n"
+           "with open('" << storePath() << "', 'wb') as f:\n"
+           "    plistlib.dump({'values': v, 'changecount': 4, 'versionid': 'x'}, f, fmt=plistlib." << format << ")\n";
+    const int status = std::system(("python3 " + (root_ / "w.py").string()).c_str());
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "python3 failed";
+    auto source = Source::create("A", false);
+    EXPECT_EQ(source->getValueForKey("s"), str("h\u00e9")) << format;
+    EXPECT_EQ(source->getValueForKey("d"),
+              makeDictionary({{"b", PropertyList::data(velmora::Bytes{0, 1})},
+                              {"l", makeArray({integer(1), PropertyList::real(2.5), PropertyList::boolean(true)})}}));
+    const ZKVStoreLoadState state = loadState(*source);
+    EXPECT_EQ(std::tuple(state.storageChangeCount, state.initialSyncChangeCount, state.isInitialSync), std::tuple(4, 4, false));
+  }
+  // A damaged or oversized file, or a directory in its place, reads as an empty store.
+  const std::string full = readFile(storePath()).value();
+  for (const std::string& bytes : {full.substr(0, full.size() / 2), std::string(50u << 20, '\xA5'), std::string()}) {
+    fs::remove(storePath());
+    if (bytes.empty()) fs::create_directories(storePath());
+    else std::ofstream(storePath(), std::ios::binary) << bytes;
+    auto source = Source::create("A", false);
+    EXPECT_EQ(source->getValueForKey("s"), PropertyList()) << bytes.size();
+    EXPECT_EQ(std::tuple(loadState(*source).storageChangeCount, loadState(*source).initialSyncChangeCount), std::tuple(0, -1));
+    EXPECT_TRUE(logged(LogLevel::Debug, "No content for " + storePath()));
+  }
+}
+
+TEST_F(SourceTest, LimitsComeFromTheConfigurationOrTheDefaults) {
+  auto source = makeSource("A", false);
+  auto limits = [&] {
+    return std::vector<std::uint64_t>{source->maximumKeyCount(), source->maximumKeyLength(),
+                                      source->maximumDataLengthPerKey(), source->maximumTotalDataLength()};
+  };
+  EXPECT_EQ(limits(), (std::vector<std::uint64_t>{1024, 64, 1048576, 1048576}));
+  const PropertyList configuration = makeDictionary({{"maxKeyNameLen", integer(10)}, {"maxKeyCount", integer(0)},
+                                                     {"maxKeyDataSum", integer(-1)}, {"maxKeyDataLen", PropertyList::real(9.5)}});
+  source->storeConfiguration(configuration);
+  EXPECT_TRUE(source->copyConfigurationDictionary().isSameObject(configuration));
+  EXPECT_EQ(limits(), (std::vector<std::uint64_t>{1024, 10, 9, UINT64_MAX}));
+  // The key-length check compares signed, so a negative limit refuses every new key.
+  source->storeConfiguration(makeDictionary({{"maxKeyNameLen", integer(-1)}, {"maxKeyCount", PropertyList::boolean(true)}}));
+  EXPECT_THROW(source->setValueForKey(str("v"), "k"), ZKVAssertionFailure);
+  EXPECT_EQ(source->maximumKeyCount(), 1u);
+}
+
+TEST_F(SourceTest, OnlyAnIdleCleanCacheIsEvictedUnderMemoryPressure) {
+  auto source = makeSource("A", false);
+  warn(*source);
+  EXPECT_TRUE(logged(LogLevel::Debug, "Cache already empty"));
+  writeStore("A", storeWith({{"a", record("from disk")}}, 5));
+  EXPECT_EQ(source->getValueForKey("a"), str("from disk"));
+  env_->now = kNow + 299;
+  warn(*source);
+  EXPECT_TRUE(loadState(*source).cache);
+  env_->now = kNow + 300;
+  warn(*source);
+  EXPECT_FALSE(loadState(*source).cache);
+  EXPECT_EQ(loadState(*source).storageChangeCount, 5);
+  writeStore("A", storeWith({{"a", record("rewritten")}}, 6));
+  EXPECT_EQ(source->getValueForKey("a"), str("rewritten"));
+  EXPECT_EQ(loadState(*source).externalChanges, (PlistDictionary{{"a", integer(1)}}));
+  source->setValueForKey(str("unsent"), "k");
+  env_->now = kNow + 86'400;
+  warn(*source);
+  EXPECT_EQ(source->getValueForKey("k"), str("unsent"));
+  // Loaded only by listing and synchronising: never used, so evicted at once.
+  auto listed = makeSource("B", false);
+  (void)listed->copyDictionary();
+  warn(*listed);
+  EXPECT_FALSE(loadState(*listed).cache);
+}
+
+// A warning handler holding the last reference tears the source down on the
+// protection queue itself, where teardown must not wait for that queue; the
+// write not handed over goes with it, unsent.
+TEST_F(SourceTest, TeardownInsideAWarningHandler) {
+  struct GateSink : velmora::LogSink {
+    void write(const velmora::LogHandle&, LogLevel, std::string_view message) override {
+      if (message == "Received memory warning for KVS" && !fired.exchange(true)) {
+        entered.set_value();
+        release.get_future().wait();
+      }
+    }
+    std::atomic<bool> fired{false};
+    std::promise<void> entered, release;
+  };
+  auto gate = std::make_shared<GateSink>();
+  auto source = Source::create("A", false);
+  source->setValueForKey(str("unsent"), "k");
+  std::weak_ptr<DispatchQueue> queue = source->protectionQueue();
+  services_.install(velmora::setLogSink, gate);
+  velmora::raiseMemoryWarning();
+  gate->entered.get_future().wait();
+  source.reset();
+  gate->release.set_value();
+  EXPECT_TRUE(waitUntil([&] { return queue.expired(); }, kPatience));
+  EXPECT_EQ(ipc_->connectionCount(), 0u);
+}
+
+// ---------------------------------------------------------------------------
+// The daemon client.
+
+TEST_F(SourceTest, ClientEnvelopesAndReplyShapes) {
+  const PropertyList full = makeDictionary({{"domain", str("d")}, {"code", integer(-5)}, {"userinfo", makeDictionary({{"a", integer(1)}})}});
+  const std::vector<std::pair<PropertyList, ZKVReply>> shapes = {
+      {makeDictionary({{"userinfo", integer(4)}, {"error", full}}), integer(4)},
+      {makeDictionary({{"other", integer(1)}}), std::monostate{}},
+      {makeDictionary({{"error", full}}), ZKVError{"d", -5, {{"a", integer(1)}}}},
+      {makeDictionary({{"error", makeDictionary({{"domain", integer(1)}, {"code", str("12")}, {"userinfo", makeArray({})}})}}),
+       ZKVError{"", 0, {}}},
+      {makeDictionary({{"error", makeDictionary({{"code", PropertyList::real(7.9)}})}}), ZKVError{"", 7, {}}},
+      {makeDictionary({{"error", str("not a dictionary")}}), std::monostate{}}};
+  velmora::PlistArray steps;
+  for (const auto& [reply, expected] : shapes) steps.push_back(makeDictionary({{"reply", reply}}));
+  script({{"register", PropertyList::array(steps)}});
+  startDaemon();
+  auto store = makeClient("com.example.app", "com.example.app.extra", true);
+  auto management = makeClient(std::nullopt);
+  EXPECT_TRUE(ipc_->requested().empty());  // connections are made lazily
+  store->sendMessageWithName("synchronizeRemote");
+  EXPECT_EQ(management->sendMessageWithNameUserInfo("discardJournalEntries", integer(17)), integer(17));
+  EXPECT_EQ(requests(), (std::vector<PropertyList>{
+                            makeDictionary({{"message", str("synchronizeRemote")}, {"userinfo", dict()},
+                                            {"bundleIdentifier", str("com.example.app")},
+                                            {"storeIdentifier", str("com.example.app.extra")},
+                                            {"additionalStore", PropertyList::boolean(true)}}),
+                            makeDictionary({{"message", str("discardJournalEntries")}, {"userinfo", integer(17)}})}));
+  EXPECT_EQ(ipc_->requested(), (Messages{"com.vantrel.velmorad-sim", "com.vantrel.velmorad-sim"}));
+  for (const auto& [reply, expected] : shapes) {
+    EXPECT_EQ(awaitReply([&](ZKVReplyHandler h) { management->sendMessageWithNameReplyHandler("register", h); }), expected)
+        << reply.description();
+  }
+  // A request the transport cannot carry is never sent; a handler still hears of it.
+  const PropertyList bad = makeDictionary({{"k", str("\xff\xfe")}});
+  EXPECT_TRUE(management->sendMessageWithNameUserInfo("synchronize", bad).isNone());
+  management->sendMessageWithName("\xff");
+  EXPECT_TRUE(std::holds_alternative<ZKVError>(
+      awaitReply([&](ZKVReplyHandler h) { management->sendMessageWithNameUserInfoReplyHandler("register", bad, h); })));
+  EXPECT_EQ(requests().size(), 2u + shapes.size());
+  // After a shutdown the next request connects again.
+  management->shutdown();
+  management->queue()->sync([] {});
+  management->sendMessageWithName("ping");
+  EXPECT_EQ(ipc_->requested().size(), 3u);
+}
+
+// A bus error earns one synchronous retry on a new connection, a silent
+// daemon none; an asynchronous handler hears of the failure as EINVAL.
+TEST_F(SourceTest, ClientRetriesOnlyAfterAnError) {
+  for (const auto& [behaviour, sent, line] : {std::tuple{"silent", 1u, "no reply sending message ping to ZKV server"},
+                                              {"dbus-error", 2u, "error sending message ping to ZKV server"}}) {
+    useCallTimeout(300ms);
+    startDaemon({"--on", std::string("ping=") + behaviour});
+    auto client = makeClient();
+    EXPECT_TRUE(client->sendMessageWithNameUserInfo("ping", {}).isNone());
+    EXPECT_EQ(requests().size(), sent) << behaviour;
+    EXPECT_EQ(ipc_->connectionCount(), sent) << behaviour;
+    EXPECT_TRUE(logged(LogLevel::Debug, line));
+  }
+  const ZKVReply reply = awaitReply([&](ZKVReplyHandler h) { makeClient()->sendMessageWithNameReplyHandler("ping", h); });
+  EXPECT_EQ(reply, ZKVReply(ZKVError{std::string(kZKVPOSIXErrorDomain), 22,
+                                     {{std::string(kZKVErrorDescriptionKey),
+                                       str("remote-error com.vantrel.velmorad.Error.Scripted: scripted error")}}}));
+
+  // Two senders fail on one connection: the first to retry replaces it, and
+  // the second retries on that replacement instead of cancelling it in turn.
+  useCallTimeout(kPatience);
+  script({{"held", makeArray({makeDictionary({{"silent", PropertyList::boolean(true)}}), makeDictionary({{"userinfo", str("held")}})})}});
+  startDaemon({"--on", "x=dbus-error"});
+  auto client = makeClient();
+  auto held = std::async(std::launch::async, [&] { return client->sendMessageWithNameUserInfo("held", {}); });
+  ASSERT_TRUE(waitUntil([&] { return requests().size() == 1; }, kPatience));
+  EXPECT_TRUE(client->sendMessageWithNameUserInfo("x", {}).isNone());
+  EXPECT_EQ(held.get(), str("held"));
+  EXPECT_EQ(ipc_->connectionCount(), 2u);
+}
+
+// Only a synchronous request gives up after the call timeout; an
+// asynchronous one waits for its reply, and a shutdown ends it once.
+TEST_F(SourceTest, AsynchronousRequestsWaitForTheirReplyAndEndOnce) {
+  useCallTimeout(300ms);
+  startDaemon({"--on", "getConfiguration=delay", "--on", "resetapps=silent"});
+  auto client = makeClient();
+  EXPECT_TRUE(std::holds_alternative<std::monostate>(awaitReply([&](ZKVReplyHandler h) {
+    client->sendMessageWithNameUserInfoReplyHandler("getConfiguration", makeDictionary({{"delayMs", integer(1500)}}), h);
+  })));  // {"reply": ...}: no "userinfo"
+  EXPECT_TRUE(std::holds_alternative<ZKVError>(awaitReply([&](ZKVReplyHandler h) {
+    client->sendMessageWithNameReplyHandler("resetapps", h);
+    ASSERT_TRUE(waitUntil([&] { return requests().size() == 2; }, kPatience));
+    client->shutdown();
+  })));
+  drainMainQueue();  // a second call would have thrown there
+}
+
+// ---------------------------------------------------------------------------
+// The source's requests.
+
+TEST_F(SourceTest, RequestsThatNeedTheStoreSendItsRegistrationFirst) {
+  startDaemon();
+  using Step = std::function<void(Source&)>;
+  const std::vector<std::tuple<std::string, Step, Messages>> cases = {
+      {"reg.configuration",
+       [](Source& s) {
+         s.updateConfiguration();
+         s.registerForCorvane();  // a new registration: sent by its own deferred task
+       },
+       {"register", "getConfiguration", "register"}},
+      {"reg.unregister", [](Source& s) { s.unregisterForCorvane(); }, {"register", "unregister"}},
+      {"reg.track", [](Source& s) { s.synchronizationWithCompletionHandler(nullptr); }, {"register", "trackSynchronizeRemote"}},
+      {"reg.synchronize",
+       [](Source& s) {
+         s.setValueForKey(str("v"), "k");
+         EXPECT_TRUE(s.synchronize());
+       },
+       {"register", "synchronize"}},
+      {"reg.discard", [](Source& s) { s.discardExternalChangesForChangeCount(3); }, {"register", "discardJournalEntries"}},
+      // Neither "ping" nor "printDebugDescription" needs the store known.
+      {"reg.plain",
+       [](Source& s) {
+         s.ping();
+         EXPECT_TRUE(s.serverSideDebugDescription());
+       },
+       {"ping", "printDebugDescription", "register"}}};
+  for (const auto& [application, step, expected] : cases) {
+    auto source = makeSource(application);
+    source->registerForCorvane();
+    step(*source);
+  }
+  makeSource("reg.never")->unregisterForCorvane();
+  settle();
+  for (const auto& [application, step, expected] : cases) EXPECT_EQ(messagesFrom(application), expected) << application;
+  EXPECT_EQ(messagesFrom("reg.never"), Messages{"unregister"});
+  EXPECT_EQ(payloadsOf("discardJournalEntries"), std::vector<PropertyList>{integer(3)});  // the bare number
+}
+
+TEST_F(SourceTest, DeferredRequestsLeaveTwoSecondsAfterTheCall) {
+  startDaemon();
+  const PropertyList defaults = makeDictionary({{"maxKeyNameLen", integer(5)}, {"note", str("as given")}});
+  const auto start = std::chrono::steady_clock::now();
+  {
+    auto registering = makeSource("deferred.register");
+    registering->registerForCorvane();
+    registering->registerForCorvane();  // still one registration pending
+    auto remote = makeSource("deferred.remote");
+    remote->scheduleRemoteSynchronization();
+    remote->scheduleRemoteSynchronization();  // each call sends its own
+    auto configuring = makeSource("deferred.defaults");
+    configuring->setDefaultsConfiguration(defaults);
+    ASSERT_TRUE(waitUntil([&] { return !messagesFrom("deferred.defaults").empty(); }, kPatience));
+    EXPECT_EQ(configuring->maximumKeyLength(), 64u);  // the daemon has it; locally nothing changed
+  }
+  settle();
+  EXPECT_EQ(messagesFrom("deferred.register"), Messages{"register"});
+  EXPECT_EQ(messagesFrom("deferred.remote"), (Messages{"synchronizeRemote", "synchronizeRemote"}));
+  EXPECT_EQ(payloadsOf("setDefaultsConfig"), std::vector<PropertyList>{defaults});
+  // Two seconds, not merely the code's own constant: every call above is made
+  // within milliseconds of start, and each request arrives 2.0 to 3.0 s later.
+  for (const ResponderArrival& arrival : readTimeline((root_ / "timeline").string())) {
+    if (arrival.bundleIdentifier.rfind("deferred.", 0) != 0) continue;
+    EXPECT_GE(arrival.at - start, 2000ms) << arrival.message << " from " << arrival.bundleIdentifier;
+    EXPECT_LE(arrival.at - start, 3000ms) << arrival.message << " from " << arrival.bundleIdentifier;
+  }
+}
+
+TEST_F(SourceTest, AFailedHandOverLosesNothingAndIsRepeatedWithTheSameRecords) {
+  writeStore("handover", storeWith({{"old", record("o")}, {"kept", record("k")}}, 5));
+  auto source = makeSource("handover");
+  EXPECT_TRUE(source->synchronize());  // only loads the file
+  source->setValueForKey(str("first"), "a");
+  source->setValueForKey(str("latest"), "a");
+  source->setValueForKey(str("short-lived"), "b");
+  source->setValueForKey(PropertyList(), "b");
+  source->setValueForKey(PropertyList(), "old");
+  // No daemon at all, then one that dies while handling it.
+  EXPECT_FALSE(source->synchronize());
+  EXPECT_TRUE(logged(LogLevel::Debug, "Write failure for " + storePath("handover")));
+  script({{"synchronize", makeDictionary({{"exit", PropertyList::boolean(true)}})}});
+  startDaemon();
+  EXPECT_FALSE(source->synchronize());
+  ASSERT_TRUE(daemon_->waitForExit(kPatience));
+  EXPECT_EQ(dirtyKeys(*source), (Source::KeySet{"a", "b", "old"}));
+  // Each dirty key goes once with its latest record, a removed one as {}.
+  const PropertyList sent = makeDictionary({{"changes", makeDictionary({{"a", loadState(*source).cache->at("a")}, {"b", dict()}, {"old", dict()}})},
+                                            {"changecount", integer(5)}});
+  EXPECT_EQ(payloadsOf("synchronize"), std::vector<PropertyList>{sent});
+  // Once a daemon answers, the same go again.
+  script({{"synchronize", makeArray({makeDictionary({{"userinfo", makeDictionary({{"changecount", integer(9)}})}}),
+                                     makeDictionary({{"userinfo", dict()}})})}});
+  startDaemon();
+  EXPECT_TRUE(source->synchronize());
+  EXPECT_EQ(payloadsOf("synchronize"), std::vector<PropertyList>{sent});
+  EXPECT_EQ(loadState(*source).storageChangeCount, 9);
+  EXPECT_EQ(dirtyKeys(*source), Source::KeySet{});
+  EXPECT_TRUE(source->synchronize());  // nothing written since: nothing sent
+  // A reply without a change count resets it to 0, except in the one host
+  // application that keeps its own.
+  env_->host = "com.vantrel.security.quarnproxy3";
+  writeStore("handover.keeper", storeWith({}, 5));
+  auto keeper = makeSource("handover.keeper");
+  keeper->setValueForKey(str("v"), "k");
+  EXPECT_TRUE(keeper->synchronize());
+  EXPECT_EQ(loadState(*keeper).storageChangeCount, 5);
+  source->setValueForKey(str("c"), "c");
+  EXPECT_TRUE(source->synchronize());
+  EXPECT_EQ(loadState(*source).storageChangeCount, 0);
+  EXPECT_EQ(payloadsOf("synchronize").size(), 3u);
+}
+
+TEST_F(SourceTest, RepliesOfEveryShapeAreReadAsDocumented) {
+  const PropertyList errorEntry = daemonError("remote", 3);
+  const PropertyList empty = makeDictionary({{"reply", dict()}});
+  const PropertyList success = makeDictionary({{"userinfo", dict()}});
+  const PropertyList state = makeDictionary({{"state", str("ok")}});
+  script({{"trackSynchronizeRemote", makeArray({makeDictionary({{"userinfo", makeDictionary({{"error", errorEntry}})}}),
+                                                makeDictionary({{"error", daemonError("daemon", 4)}}), empty, success, empty})},
+          {"register", makeArray({makeDictionary({{"userinfo", makeDictionary({{"maxKeyNameLen", integer(20)}})}}),
+                                  makeDictionary({{"error", daemonError("daemon", 5)}}),
+                                  makeDictionary({{"userinfo", str("not a dictionary")}})})},
+          {"getConfiguration", makeArray({makeDictionary({{"userinfo", makeDictionary({{"maxKeyCount", integer(7)}})}}),
+                                          makeDictionary({{"error", daemonError("daemon", 6)}})})},
+          {"printDebugDescription", makeArray({makeDictionary({{"userinfo", state}}),
+                                               makeDictionary({{"userinfo", str("plain text")}}), empty})}});
+  writeStore("shapes", storeWith({{"a", record("before")}}, 5));
+  startDaemon();
+  auto source = makeSource("shapes");
+  EXPECT_EQ(source->getValueForKey("a"), str("before"));
+  auto track = [&] { return awaitReply([&](ZKVReplyHandler h) { source->synchronizationWithCompletionHandler(h); }); };
+  EXPECT_EQ(track(), ZKVReply(errorEntry));  // the entry as it stands
+  EXPECT_EQ(track(), ZKVReply(ZKVError{"daemon", 4, {}}));
+  source->synchronizationWithCompletionHandler(nullptr);  // without a handler an empty reply marks nothing
+  EXPECT_EQ(track(), ZKVReply());
+  writeStore("shapes", storeWith({{"a", record("after")}}, 6));
+  EXPECT_TRUE(source->synchronize());
+  EXPECT_EQ(source->getValueForKey("a"), str("before"));  // successes force nothing
+  // An empty reply is a success that makes the next synchronisation re-read
+  // the file, once, without sending anything.
+  EXPECT_EQ(track(), ZKVReply());
+  EXPECT_TRUE(source->synchronize());
+  EXPECT_EQ(source->getValueForKey("a"), str("after"));
+  writeStore("shapes", storeWith({{"a", record("later")}}, 7));
+  EXPECT_TRUE(source->synchronize());
+  EXPECT_EQ(source->getValueForKey("a"), str("after"));
+  EXPECT_TRUE(payloadsOf("synchronize").empty());
+
+  // The registration's reply is the configuration; a fetched one replaces it
+  // whole; other replies leave it, silently for a fetch, logged for a registration.
+  source->registerForCorvane();
+  source->unregisterForCorvane();
+  ASSERT_TRUE(waitUntil([&] { return source->maximumKeyLength() == 20; }, kPatience));
+  source->updateConfiguration();
+  ASSERT_TRUE(waitUntil([&] { return source->maximumKeyCount() == 7; }, kPatience));
+  EXPECT_EQ(source->maximumKeyLength(), 64u);
+  source->updateConfiguration();
+  fence(*source);
+  EXPECT_FALSE(log_->contains("NimbrelStore error"));
+  for (const std::string& refused : {ZKVError{"daemon", 5, {}}.description(), str("not a dictionary").description()}) {
+    source->registerForCorvane();
+    source->unregisterForCorvane();
+    fence(*source);
+    EXPECT_TRUE(log_->contains("NimbrelStore error: " + refused)) << refused;
+  }
+  EXPECT_EQ(source->maximumKeyCount(), 7u);
+  // A system-wide configuration change is relayed, not fetched.
+  NotificationCount relayed(Source::ZKVRemotePreferencesSourceConfigurationDidChangeNotification(), source.get());
+  ASSERT_TRUE(velmora::postSystemNotification(Source::kConfigurationDidChangeSystemNotification));
+  ASSERT_TRUE(waitUntil([&] { return relayed.count == 1; }, kPatience));
+  const Messages sent = messagesFrom("shapes");
+  EXPECT_EQ(std::count(sent.begin(), sent.end(), "getConfiguration"), 2);
+  // The debug description is the daemon's text, or nothing.
+  EXPECT_EQ(source->serverSideDebugDescription(), state.description());
+  EXPECT_EQ(source->serverSideDebugDescription(), "plain text");
+  EXPECT_EQ(source->serverSideDebugDescription(), std::nullopt);
+}
+
+// Changes made elsewhere, as another implementation's journal may hold them.
+TEST_F(SourceTest, JournalChangesAreRelayedLoadedAndHandedOutOnce) {
+  startDaemon();
+  writeStore("journal", storeWith({{"a", record("a0")}, {"b", record("b0")}}, 5));
+  auto source = makeSource("journal");
+  auto other = makeSource("journal.other");
+  EXPECT_EQ(source->getValueForKey("a"), str("a0"));
+  std::int64_t changeCount = -7;
+  EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount), std::nullopt);
+  EXPECT_EQ(changeCount, 5);
+  NotificationCount relayed(Source::ZKVRemotePreferencesSourceDidChangeNotification(), source.get());
+  NotificationCount relayedByOther(Source::ZKVRemotePreferencesSourceDidChangeNotification(), other.get());
+  // Newer than 5 in the journal (b's entry is not); e's and f's reasons are
+  // no integers: skipped, never folded into 0 or 2.
+  auto odd = [](PropertyList change) { return makeDictionary({{"count", integer(8)}, {"change", change}}); };
+  writeStore("journal", storeWith({{"a", record("a1")}, {"b", record("b0")}, {"c", record("c1")}}, 8,
+                                  {{"journal", makeDictionary({{"a", journalEntry(6, 1)}, {"b", journalEntry(4, 1)},
+                                                               {"c", journalEntry(7, 2)}, {"d", journalEntry(8, 5)},
+                                                               {"e", odd(str("x"))}, {"f", odd(PropertyList::real(2.5))}})}}));
+  ASSERT_TRUE(velmora::postSystemNotification(Source::kSourceDidChangeExternallySystemNotification));
+  ASSERT_TRUE(waitUntil([&] { return relayed.count == 1 && relayedByOther.count == 1; }, kPatience));
+  // The relay only tells; the application's forced synchronisation loads.
+  EXPECT_FALSE(source->hasExternalChanges());
+  EXPECT_TRUE(source->synchronizeForced(true));
+  EXPECT_EQ(source->getValueForKey("c"), str("c1"));
+  // Discarding is the daemon's business: nothing pending changes here.
+  source->discardExternalChangesForChangeCount(8);
+  EXPECT_EQ(payloadsOf("discardJournalEntries"), std::vector<PropertyList>{integer(8)});
+  EXPECT_TRUE(source->hasExternalChanges());
+  using Groups = std::map<std::int64_t, std::vector<std::string>>;
+  const Groups expected = velmora::linkedOnOrAfterRelease8() ? Groups{{1, {"a"}}, {2, {"c"}}, {5, {"d"}}}
+                                                             : Groups{{1, {"a", "d"}}, {2, {"c"}}};
+  EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount), expected);
+  EXPECT_EQ(changeCount, 8);
+  EXPECT_EQ(source->copyExternalChangesWithChangeCount(&changeCount), std::nullopt);
+  EXPECT_TRUE(payloadsOf("synchronize").empty());  // forced with nothing written: a read, never a hand-over
+}
+
+// ---------------------------------------------------------------------------
+// The account-wide operations.
+
+TEST_F(SourceTest, AccountWideOperationsCompleteWhateverTheDaemonDoes) {
+  // The reset shuts its client down at once: even a daemon that never
+  // answers gets the completion called, once, on the main queue.
+  std::atomic<int> completions{0};
+  for (const char* behaviour : {"silent", "error", ""}) {
+    if (*behaviour != '\0') {
+      startDaemon({"--on", std::string("resetapps=") + behaviour});
+    } else {
+      daemon_.reset();
+    }
+    Source::resetAllApplicationsWithCompletionHandler([&] { completions += DispatchQueue::main().isCurrent() ? 1 : 100; });
+    EXPECT_TRUE(waitUntil([&] { return completions >= 1; }, kPatience)) << behaviour;
+    drainMainQueue();
+    EXPECT_EQ(completions.exchange(0), 1) << behaviour;
+  }
+  startDaemon();
+  Source::resetAllApplicationsWithCompletionHandler(nullptr);
+  Source::noteAccountChanges(nullptr);
+  Source::migrateVelmoraForBundleIdentifier(nullptr);  // logged; nothing is sent
+  EXPECT_TRUE(log_->contains("Error sending request to velmora daemon to migrate (null) nimbrel store: "));
+  Source::migrateVelmoraForBundleIdentifier("com.example.moved");
+  const PropertyList parameter = makeDictionary({{"parameter", str("com.example.moved")}});
+  EXPECT_TRUE(logged(LogLevel::Default, "Reply from request to migrate com.example.moved nimbrel store: " + parameter.description()));
+  EXPECT_TRUE(logged(LogLevel::Default, "ZKVRemotePreferencesSource notes accounts changed"));
+  ASSERT_TRUE(waitUntil([&] { return requests().size() == 3; }, kPatience));
+  std::map<std::string, PropertyList> received;  // no store identity on account-wide requests
+  for (const PropertyList& request : requests()) received.emplace(*request.find("message")->getString(), request);
+  EXPECT_EQ(received, (std::map<std::string, PropertyList>{
+                          {"migrate", makeDictionary({{"message", str("migrate")}, {"userinfo", parameter}})},
+                          {"ping", makeDictionary({{"message", str("ping")}, {"userinfo", dict()}})},
+                          {"resetapps", makeDictionary({{"message", str("resetapps")}, {"userinfo", dict()}})}}));
+  daemon_.reset();
+  Source::migrateVelmoraForBundleIdentifier("com.example.stranded");
+  EXPECT_TRUE(waitUntil([&] { return log_->contains("migrate com.example.stranded nimbrel store: com.vantrel.posix error 22"); },
+                        kPatience));
+}
+
+// ---------------------------------------------------------------------------
+// NimbrelStore against the real daemon.
 
 // Collects observer calls, and whether each ran on the main queue.
 struct ObserverLog {
