@@ -163,27 +163,16 @@ TEST(ZKVStorageRecord, BuildsReadsAndAdoptsRecords) {
       PropertyList::data(*ZKVCopySerializedDataForPropertyListAndTimestamp(PropertyList::string("theirs"), 77));
   EXPECT_TRUE(ZKVCreateStorageForPropertyListAndTimestamp(PropertyList(), 3).isNone());
   EXPECT_TRUE(ZKVCreateStorageForPropertyListAndTimestamp(v, 0).isNone());
-  EXPECT_TRUE(ZKVCreateStorageForPropertyListTimestampAndRemoteValue(PropertyList(), 3, remote).isNone());
   EXPECT_EQ(ZKVCreateStorageForPropertyListAndTimestamp(v, 3), makeDictionary({{"timestamp", integer(3)}, {"value", v}}));
   const PropertyList withRemote = ZKVCreateStorageForPropertyListTimestampAndRemoteValue(v, 3, remote);
   EXPECT_EQ(withRemote, makeDictionary({{"timestamp", integer(3)}, {"value", v}, {"remotevalue", remote}}));
   // A new value keeps the previous record's remote value, if it has one.
   EXPECT_TRUE(
       ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(v, 9, withRemote).find("remotevalue")->isSameObject(remote));
-  for (const PropertyList& previous : {ZKVCreateStorageForPropertyListAndTimestamp(v, 3), PropertyList(), makeArray({remote})}) {
-    EXPECT_EQ(ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(v, 9, previous).count(), 2u);
-  }
+  EXPECT_EQ(ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(v, 9, makeArray({remote})).count(), 2u);
 
-  // The reader lends the record's own values.
+  // The reader refuses a record without a whole, non-zero timestamp.
   std::int64_t ts = 0;
-  const PropertyList* outRemote = nullptr;
-  EXPECT_EQ(ZKVGetPropertyListAndTimestampAndRemoteValueFromStorage(withRemote, &ts, &outRemote), withRemote.find("value"));
-  EXPECT_EQ(ts, 3);
-  EXPECT_EQ(outRemote, withRemote.find("remotevalue"));
-  ASSERT_NE(ZKVGetPropertyListAndTimestampAndRemoteValueFromStorage(
-                ZKVCreateStorageForPropertyListAndTimestamp(integer(5), -2), &ts, &outRemote), nullptr);
-  EXPECT_EQ(outRemote, nullptr);
-  EXPECT_EQ(ts, -2);
   auto withTs = [](PropertyList stamp) { return makeDictionary({{"timestamp", stamp}, {"value", integer(1)}}); };
   for (const PropertyList& bad : {withTs(PropertyList::real(12.5)), withTs(PropertyList::string("12")), withTs(integer(0)),
                                   withTs(PropertyList::boolean(true)), makeDictionary({{"timestamp", integer(4)}}),
@@ -231,34 +220,22 @@ TEST(ZKVJournal, QueriesCompareCountsStrictlyAndStartFromMinusOne) {
   EXPECT_THROW(odd.changesSinceChangeCount(1), std::invalid_argument);
 }
 
+// The daemon's own tests write journals end to end; here, what they cannot
+// show: copies taken before a write keep their journal, and an emptied one goes.
 TEST(ZKVJournal, WritesReachTheStoreButNoEarlierSnapshot) {
   auto store = std::make_shared<PlistDictionary>(PlistDictionary{
       {"journal", makeDictionary({{"a", journalEntry(5, 1)}, {"b", journalEntry(7, 2)}})}, {"other", integer(1)}});
   const PropertyList snapshot = store->at("journal");
-  const ZKVJournal readOnly = ZKVJournal::withStore(PropertyList::dictionary(*store));
   ZKVJournal j = ZKVJournal::withMutableStore(store);
-  EXPECT_EQ(j.store(), store);
   j.addChange(5, "c", 10);
   j.addChange(0, "a", 11);  // code 0 forgets the key
   j.addChange(3, "b", 6);   // the last call wins, even with a lower count
   EXPECT_EQ(store->at("journal"), makeDictionary({{"b", journalEntry(6, 3)}, {"c", journalEntry(10, 5)}}));
   EXPECT_EQ(snapshot, makeDictionary({{"a", journalEntry(5, 1)}, {"b", journalEntry(7, 2)}}));
-  EXPECT_EQ(readOnly.maximumChangeCount(), 7);
-
   EXPECT_FALSE(j.removeChangesUntilChangeCount(5));
-  EXPECT_TRUE(j.removeChangesUntilChangeCount(6));
-  EXPECT_EQ(store->at("journal"), makeDictionary({{"c", journalEntry(10, 5)}}));
   EXPECT_TRUE(j.removeChangesUntilChangeCount(10));
   EXPECT_FALSE(store->contains("journal"));  // an emptied journal goes, the rest stays
   EXPECT_TRUE(store->contains("other"));
-  EXPECT_FALSE(j.removeChangesUntilChangeCount(10));
-  j.addChange(0, "k", 1);  // nothing to forget: no journal is made
-  EXPECT_FALSE(store->contains("journal"));
-  j.addChange(1, "k", 1);
-  j.addChange(0, "k", 2);  // forgetting keeps the journal, even empty
-  EXPECT_EQ(store->at("journal"), PropertyList::dictionary({}));
-  EXPECT_FALSE(j.removeChangesUntilChangeCount(0));
-  EXPECT_FALSE(store->contains("journal"));
   store->insert_or_assign("journal", PropertyList::string("junk"));  // replaced by the first write
   j.addChange(4, "k", 1);
   EXPECT_EQ(store->at("journal"), makeDictionary({{"k", journalEntry(1, 4)}}));
