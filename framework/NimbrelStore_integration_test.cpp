@@ -629,29 +629,6 @@ TEST_F(SourceTest, AccountWideOperationsCompleteWhateverTheDaemonDoes) {
 // ---------------------------------------------------------------------------
 // NimbrelStore against the real daemon.
 
-// Collects observer calls, and whether each ran on the main queue.
-struct ObserverLog {
-  std::mutex mutex;
-  std::vector<NimbrelChange> changes;  // guarded by mutex
-  bool allOnMain = true;               // guarded by mutex
-  NimbrelObserverToken observe(NimbrelStore& store, std::function<void()> also = {}) {
-    return store.addObserver([this, also](const NimbrelChange& change) {
-      if (also) also();
-      std::lock_guard lock(mutex);
-      changes.push_back(change);
-      allOnMain = allOnMain && velmora::DispatchQueue::main().isCurrent();
-    });
-  }
-  std::vector<NimbrelChange> wait(std::size_t count) {
-    EXPECT_TRUE(waitUntil([&] {
-      std::lock_guard lock(mutex);
-      return changes.size() >= count;
-    }, kPatience));
-    std::lock_guard lock(mutex);
-    return changes;
-  }
-};
-
 class NimbrelStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -784,10 +761,14 @@ TEST_F(NimbrelStoreTest, ObserversHearOnlyNewChangesOnTheMainQueueBeforeTheJourn
   writeElsewhere({{"gone", PropertyList()}});
   std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication(app_);
   ASSERT_EQ(store->getString("a"), "1");
-  ObserverLog log;
-  std::atomic<bool> journaled{true};
-  log.observe(*store, [&] {
+  std::mutex mutex;
+  std::vector<NimbrelChange> heard;  // guarded by mutex, as are the two below
+  bool onMain = true, journaled = true;
+  (void)store->addObserver([&](const NimbrelChange& change) {
     const PropertyList* journal = device_.storeFile(app_).find("journal");
+    std::lock_guard lock(mutex);
+    heard.push_back(change);
+    onMain = onMain && velmora::DispatchQueue::main().isCurrent();
     journaled = journaled && journal != nullptr && journal->find("b") != nullptr;
   });
   std::atomic<int> removedCalls{0};
@@ -795,11 +776,15 @@ TEST_F(NimbrelStoreTest, ObserversHearOnlyNewChangesOnTheMainQueueBeforeTheJourn
   // A notice while the file stands at the store's own count: nothing is news.
   ASSERT_TRUE(velmora::postSystemNotification(ZKVRemotePreferencesSource::kSourceDidChangeExternallySystemNotification));
   writeElsewhere({{"b", str("2")}});
-  EXPECT_EQ(log.wait(1), (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"b"}}}));
-  EXPECT_TRUE(log.allOnMain);
-  EXPECT_TRUE(journaled);
-  EXPECT_EQ(removedCalls, 0);
+  ASSERT_TRUE(waitUntil([&] { std::lock_guard lock(mutex); return !heard.empty(); }, kPatience));
+  drainMainQueue();
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(heard, (std::vector<NimbrelChange>{{kNimbrelChangeReasonServerChange, {"b"}}}));
+    EXPECT_TRUE(onMain && journaled);
+  }
   EXPECT_EQ(store->getString("b"), "2");
+  EXPECT_EQ(removedCalls, 0);
   // Once heard, the entries are released and the daemon drops them.
   EXPECT_TRUE(waitUntil([&] { return device_.storeFile(app_).find("journal") == nullptr; }, kPatience));
 }
