@@ -426,8 +426,14 @@ TEST_F(SourceTest, AsynchronousRequestsWaitForTheirReplyAndEndOnce) {
 
 TEST_F(SourceTest, RequestsThatNeedTheStoreSendItsRegistrationFirst) {
   startDaemon();
+  const PropertyList defaults = makeDictionary({{"maxKeyNameLen", integer(5)}, {"note", str("as given")}});
   using Step = std::function<void(Source&)>;
   const std::vector<std::tuple<std::string, Step, Messages>> cases = {
+      // Deferred: registrations pending are one, each remote synchronisation goes on its own.
+      {"deferred.register", [](Source& s) { s.registerForCorvane(); }, {"register"}},
+      {"deferred.remote", [](Source& s) { s.scheduleRemoteSynchronization(); s.scheduleRemoteSynchronization(); },
+       {"register", "synchronizeRemote", "synchronizeRemote"}},
+      {"deferred.defaults", [&](Source& s) { s.setDefaultsConfiguration(defaults); }, {"register", "setDefaultsConfig"}},
       {"reg.configuration",
        [](Source& s) {
          s.updateConfiguration();
@@ -456,22 +462,8 @@ TEST_F(SourceTest, RequestsThatNeedTheStoreSendItsRegistrationFirst) {
     step(*source);
   }
   makeSource("reg.never")->unregisterForCorvane();
-  // Deferred requests: registrations pending are one, each remote
-  // synchronisation goes on its own, the defaults go as given.
-  auto twice = makeSource("deferred.register");
-  twice->registerForCorvane();
-  twice->registerForCorvane();
-  auto remote = makeSource("deferred.remote");
-  remote->scheduleRemoteSynchronization();
-  remote->scheduleRemoteSynchronization();
-  const PropertyList defaults = makeDictionary({{"maxKeyNameLen", integer(5)}, {"note", str("as given")}});
-  makeSource("deferred.defaults")->setDefaultsConfiguration(defaults);
-  twice.reset();
-  remote.reset();
   settle();
-  EXPECT_EQ(messagesFrom("deferred.register"), Messages{"register"});
-  EXPECT_EQ(messagesFrom("deferred.remote"), (Messages{"synchronizeRemote", "synchronizeRemote"}));
-  EXPECT_EQ(payloadsOf("setDefaultsConfig"), std::vector<PropertyList>{defaults});
+  EXPECT_EQ(payloadsOf("setDefaultsConfig"), std::vector<PropertyList>{defaults});  // as given
   for (const auto& [application, step, expected] : cases) EXPECT_EQ(messagesFrom(application), expected) << application;
   EXPECT_EQ(messagesFrom("reg.never"), Messages{"unregister"});
   EXPECT_EQ(payloadsOf("discardJournalEntries"), std::vector<PropertyList>{integer(3)});  // the bare number
