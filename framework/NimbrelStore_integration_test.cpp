@@ -207,12 +207,14 @@ TEST_F(SourceTest, StoreFileLocation) {
   const fs::path plain = storePath();
   // The store identifier, shared, additional, the container, QXFIXED_USER_HOME set, and where the file lies.
   using Case = std::tuple<std::optional<std::string>, bool, bool, std::optional<std::string>, bool, std::optional<fs::path>>;
-  for (const auto& [storeID, shared, additional, container, contained, location] : {Case{"S", false, false, std::nullopt, false, plain},  // the identifier names the file only when additional
-                        Case{"S", false, true, std::nullopt, false, storePath("A-S")},
-                        Case{std::nullopt, false, false, "/c", false, plain},
-                        Case{std::nullopt, false, false, "/c", true, "/c/Library/Quellstore/A.plist"},
-                        Case{std::nullopt, false, false, "c", true, fs::current_path() / "c/Library/Quellstore/A.plist"},
-                        Case{std::nullopt, true, false, "/c", true, plain}}) {  // never for a shared store
+  // The identifier names the file only when additional; a container, never for a shared store.
+  for (const auto& [storeID, shared, additional, container, contained, location] :
+       {Case{"S", false, false, std::nullopt, false, plain},
+        Case{"S", false, true, std::nullopt, false, storePath("A-S")},
+        Case{std::nullopt, false, false, "/c", false, plain},
+        Case{std::nullopt, false, false, "/c", true, "/c/Library/Quellstore/A.plist"},
+        Case{std::nullopt, false, false, "c", true, fs::current_path() / "c/Library/Quellstore/A.plist"},
+        Case{std::nullopt, true, false, "/c", true, plain}}) {
     env_->contained = contained ? std::optional<std::string>("") : std::nullopt;
     EXPECT_EQ(Source::create("A", storeID, shared, additional, container)->urlOnDisk(), location) << container.value_or("-");
   }
@@ -288,7 +290,6 @@ TEST_F(SourceTest, ReadsStoreFilesWrittenByPythonAndSurvivesUnusableOnes) {
 
 TEST_F(SourceTest, OnlyAnIdleCleanCacheIsEvictedUnderMemoryPressure) {
   auto source = makeSource("A", false);
-  warn(*source);  // nothing loaded yet: nothing to drop
   writeStore("A", storeWith({{"a", record("from disk")}}, 5));
   EXPECT_EQ(source->getValueForKey("a"), str("from disk"));
   env_->now = kNow + 299;
@@ -340,7 +341,8 @@ TEST_F(SourceTest, TeardownInsideAWarningHandler) {
 // The daemon client.
 
 TEST_F(SourceTest, ClientEnvelopesAndReplyShapes) {
-  const PropertyList full = makeDictionary({{"domain", str("d")}, {"code", integer(-5)}, {"userinfo", makeDictionary({{"a", integer(1)}})}});
+  const PropertyList full =
+      makeDictionary({{"domain", str("d")}, {"code", integer(-5)}, {"userinfo", makeDictionary({{"a", integer(1)}})}});
   const std::vector<std::pair<PropertyList, ZKVReply>> shapes = {
       {makeDictionary({{"userinfo", integer(4)}, {"error", full}}), integer(4)},
       {makeDictionary({{"other", integer(1)}}), std::monostate{}},
@@ -386,7 +388,8 @@ TEST_F(SourceTest, ClientEnvelopesAndReplyShapes) {
 // the second retries on that replacement instead of cancelling it in turn.
 // (Which failures earn a retry is the unit tier's table.)
 TEST_F(SourceTest, ARetryKeepsAConnectionAnotherSenderAlreadyReplaced) {
-  script({{"held", makeArray({makeDictionary({{"silent", PropertyList::boolean(true)}}), makeDictionary({{"userinfo", str("held")}})})}});
+  script({{"held", makeArray({makeDictionary({{"silent", PropertyList::boolean(true)}}),
+                              makeDictionary({{"userinfo", str("held")}})})}});
   startDaemon({"--on", "x=dbus-error"});
   auto client = makeClient();
   auto held = std::async(std::launch::async, [&] { return client->sendMessageWithNameUserInfo("held", {}); });
@@ -477,8 +480,8 @@ TEST_F(SourceTest, AFailedHandOverLosesNothingAndIsRepeatedWithTheSameRecords) {
   EXPECT_FALSE(source->synchronize());
   ASSERT_TRUE(daemon_->waitForExit(kPatience));
   // Each dirty key goes once with its latest record, a removed one as {}.
-  const PropertyList sent = makeDictionary({{"changes", makeDictionary({{"a", loadState(*source).cache->at("a")}, {"b", dict()}, {"old", dict()}})},
-                                            {"changecount", integer(5)}});
+  const PlistDictionary changes{{"a", loadState(*source).cache->at("a")}, {"b", dict()}, {"old", dict()}};
+  const PropertyList sent = makeDictionary({{"changes", dict(changes)}, {"changecount", integer(5)}});
   EXPECT_EQ(payloadsOf("synchronize"), std::vector<PropertyList>{sent});
   // Once a daemon answers, the same go again.
   script({{"synchronize", makeArray({makeDictionary({{"userinfo", makeDictionary({{"changecount", integer(9)}})}}),
@@ -495,11 +498,11 @@ TEST_F(SourceTest, RepliesOfEveryShapeAreReadAsDocumented) {
   const PropertyList errorEntry = daemonError("remote", 3);
   const PropertyList empty = makeDictionary({{"reply", dict()}});
   const PropertyList success = makeDictionary({{"userinfo", dict()}});
+  const PropertyList configuration = makeDictionary({{"maxKeyNameLen", integer(20)}, {"maxKeyCount", integer(0)},
+                                                     {"maxKeyDataSum", integer(-1)}, {"maxKeyDataLen", PropertyList::real(9.5)}});
   script({{"trackSynchronizeRemote", makeArray({makeDictionary({{"userinfo", makeDictionary({{"error", errorEntry}})}}),
                                                 makeDictionary({{"error", daemonError("daemon", 4)}}), empty, success, empty})},
-          {"register", makeArray({makeDictionary({{"userinfo", makeDictionary({{"maxKeyNameLen", integer(20)}, {"maxKeyCount", integer(0)},
-                                                                         {"maxKeyDataSum", integer(-1)},
-                                                                         {"maxKeyDataLen", PropertyList::real(9.5)}})}}),
+          {"register", makeArray({makeDictionary({{"userinfo", configuration}}),
                                   makeDictionary({{"error", daemonError("daemon", 5)}}),
                                   makeDictionary({{"userinfo", str("not a dictionary")}})})},
           {"getConfiguration", makeArray({makeDictionary({{"userinfo", makeDictionary({{"maxKeyCount", integer(7)}})}}),
@@ -623,7 +626,6 @@ TEST_F(NimbrelStoreTest, OneStorePerIdentityAndTypedValuesThatReachTheStoreFile)
   std::shared_ptr<NimbrelStore> extra = NimbrelStore::storeForApplication(app_, "S");
   EXPECT_EQ(store, NimbrelStore::storeForApplication(app_, ""));
   EXPECT_EQ(extra, NimbrelStore::storeForApplication(app_, "S"));
-  EXPECT_EQ(NimbrelStore::defaultStore(), NimbrelStore::storeWithIdentifier(""));
   // Shared or not is part of the identity, though both read one file.
   EXPECT_NE(NimbrelStore::defaultStore(), NimbrelStore::storeForApplication("com.example.tests"));
   EXPECT_NE(store, extra);
