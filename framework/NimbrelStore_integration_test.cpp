@@ -686,7 +686,8 @@ TEST_F(NimbrelStoreTest, WritesBreakingALimitAreRefusedNamingItAndChangeNothing)
   ASSERT_TRUE(store->setString("a", std::string(30, 'x')).ok());
   const PlistDictionary before = store->dictionaryRepresentation();
 
-  using Case = std::tuple<NimbrelResult, NimbrelErrorCode, std::string, std::uint64_t, std::uint64_t>;  // ..., size, limit
+  // The result, and the code, key, size and limit its error names.
+  using Case = std::tuple<NimbrelResult, NimbrelErrorCode, std::string, std::uint64_t, std::uint64_t>;
   const Case cases[] = {
       {store->setString("123456789", "v"), NimbrelErrorCode::kKeyTooLong, "123456789", 9, 8},
       {store->setString("", "v"), NimbrelErrorCode::kInvalidKey, "", 0, 0},

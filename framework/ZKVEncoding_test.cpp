@@ -270,7 +270,8 @@ TEST(ZKVStoreFileLoad, SuccessiveLoads) {
   ZKVApplyStoreFileContents(state, storeWith({{"a", record(str("x"), 9)}, {"c", record(str("z"))}}, 6), "f");
   EXPECT_EQ(state.externalChanges, (PlistDictionary{{"a", integer(1)}, {"b", integer(1)}, {"c", integer(1)}}));
   EXPECT_EQ(state.initialSyncChangeCount, -1);
-  ZKVApplyStoreFileContents(state, storeWith({{"d", record(str("new"))}}, 7), "f");  // pending changes stop the comparison
+  // Pending changes stop the comparison.
+  ZKVApplyStoreFileContents(state, storeWith({{"d", record(str("new"))}}, 7), "f");
   EXPECT_EQ(state.externalChanges, (PlistDictionary{{"a", integer(1)}, {"b", integer(1)}, {"c", integer(1)}}));
   state.externalChanges.reset();
   // After an eviction every key of the file counts.
