@@ -1,14 +1,12 @@
 // The sync engine's decisions about one store (SyncRecords): who wins, what
-// is pending, how records travel and what is kept of them; and the store
-// file edits they make (Store::applyServerEdit, deletions noted by
-// applyChanges), over a real store file.
+// is pending, how records travel and what is kept of them. The store file
+// edits they make are checked end to end by Sync_integration_test.
 #include "SyncRecords.h"
 
 #include <gtest/gtest.h>
 
 #include <random>
 
-#include "ScratchEnvironment.h"
 #include "velmora/platform/PlistCodec.h"
 #include "zkv/ZKVEncoding.h"
 
@@ -166,11 +164,7 @@ TEST(SyncRecords, RecordsTravelCompactAndOnlyWithinTheLimits) {
   syncpb::Record plain = *encodeValueRecord("k", PropertyList::data(noise), 77, "dev", &serialized);
   EXPECT_EQ(plain.value(), std::string(serialized.begin(), serialized.end()));  // random bytes do not shrink
 
-  StoreLimits limits;
-  limits.maxKeyCount = 3;
-  limits.maxKeyNameLen = 8;
-  limits.maxKeyDataLen = 1000;
-  limits.maxKeyDataSum = 1500;
+  const StoreLimits limits{3, 8, 1000, 1500};  // keys, name length, value size, size sum
   syncpb::Record falseGzip = plain;
   falseGzip.set_gzipped(true);
   syncpb::Record garbage = plain;
@@ -195,76 +189,6 @@ TEST(SyncRecords, RecordsTravelCompactAndOnlyWithinTheLimits) {
   EXPECT_EQ(edit.records.size(), 2u);
   EXPECT_TRUE(edit.records.contains("b") && edit.records.contains("d"));
   EXPECT_EQ(problems.size(), 2u);
-}
-
-// The sync bookkeeping in the store file: a quiet acknowledgement, the
-// initial sync's marks, a deletion noted only for a key the server knows
-// until it is written again, and the reset for another account.
-TEST(SyncRecords, TheStoreFileKeepsTheSyncBookkeeping) {
-  velmora::testing::ScratchDirectory directory("velmorad-storesync");
-  const std::filesystem::path path = directory.path() / "com.example.app.plist";
-  auto onDisk = [&] { return *velmora::readPlistFile(path.string()).getDictionary(); };
-  auto code = [&](const std::string& key) {
-    const PropertyList journal = onDisk().at("journal");
-    std::int64_t value = -1;
-    if (journal.find(key) != nullptr) (void)journal.find(key)->find("change")->getInt64(value);
-    return value;
-  };
-  Store store(path);
-  ASSERT_TRUE(store.applyChanges({{"a", localRecord("1", 100)}, {"local", localRecord("2", 100)}}, ChangeOrigin::Client, {})
-                  .written);
-  ServerEdit ack;
-  ack.records["a"] = syncedRecord("1", 100);
-  const ApplyOutcome quiet = store.applyServerEdit(ack);
-  EXPECT_TRUE(quiet.rewrittenQuietly && !quiet.written);  // rewrites the file but tells no reader
-  EXPECT_EQ(store.changeCount(), 1);
-
-  ServerEdit initial;
-  initial.records["c"] = syncedRecord("3", 100);
-  initial.journal["c"] = kJournalInitialSync;
-  initial.versionId = "account-x";
-  initial.markInitialSync = true;
-  initial.syncState = StoreSyncState();
-  initial.syncState->revision = 42;
-  EXPECT_TRUE(store.applyServerEdit(initial).written);
-  EXPECT_FALSE(store.applyServerEdit(ServerEdit()).written);
-  PlistDictionary file = onDisk();
-  EXPECT_EQ(file.at("changecount"), PropertyList::integer(2));
-  EXPECT_EQ(file.at("initialsync"), PropertyList::integer(2));
-  EXPECT_EQ(file.at("versionid"), text("account-x"));
-  EXPECT_EQ(code("c"), kJournalInitialSync);
-  EXPECT_EQ(StoreSyncState::of(file).revision, 42);
-
-  // Removing keys: only the one the server had is noted, then written again
-  // its value is pending, not the deletion, with the remote value kept.
-  const std::int64_t before = currentRecordTimestamp();
-  ASSERT_TRUE(store.applyChanges({{"a", PropertyList::dictionary({})}, {"local", PropertyList::dictionary({})}},
-                                 ChangeOrigin::Client, {})
-                  .written);
-  const StoreSyncState state = StoreSyncState::of(onDisk());
-  ASSERT_EQ(state.deleted.size(), 1u);
-  EXPECT_GE(state.deleted.at("a"), before);
-  ASSERT_TRUE(store.applyChanges({{"a", localRecord("4", 200)}, {"c", localRecord("5", 200)}}, ChangeOrigin::Client, {})
-                  .written);
-  EXPECT_TRUE(StoreSyncState::of(onDisk()).deleted.empty());
-  EXPECT_NE(onDisk().at("values").find("c")->find("remotevalue"), nullptr);
-  const PushBatch batch = collectPending(onDisk(), "s", "me", 10);
-  EXPECT_EQ(batch.items.size(), 2u);
-  EXPECT_FALSE(batch.items.at("a").deleted);
-
-  // From the server, records are taken as they are, whatever the limits.
-  StoreLimits tiny;
-  tiny.maxKeyDataLen = 1;
-  EXPECT_TRUE(store.applyChanges({{"s", syncedRecord("larger", 100)}}, ChangeOrigin::Server, tiny).refusedKeys.empty());
-  EXPECT_EQ(code("s"), kJournalChangedElsewhere);
-
-  // Another account: every key goes with code 5, the marks go, the reset is noted.
-  EXPECT_TRUE(store.applyServerEdit(accountResetEdit(onDisk())).written);
-  file = onDisk();
-  for (const char* key : {"a", "c", "s"}) EXPECT_EQ(code(key), kJournalAccountChange) << key;
-  EXPECT_TRUE(file.at("values").getDictionary()->empty());
-  EXPECT_FALSE(file.contains("versionid") || file.contains("initialsync"));
-  EXPECT_TRUE(StoreSyncState::of(file).accountChange);
 }
 
 }  // namespace
