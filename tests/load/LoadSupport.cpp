@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -165,12 +166,6 @@ void abortOnClose(int fd) {
 
 }  // namespace
 
-// fd[0] the client's socket, fd[1] the server's; closed when both pumps are done.
-struct PausableProxy::Link {
-  int fd[2];
-  ~Link() { ::close(fd[0]), ::close(fd[1]); }
-};
-
 std::unique_ptr<PausableProxy> PausableProxy::start(int targetPort) {
   auto proxy = std::make_unique<PausableProxy>();
   proxy->targetPort_ = targetPort;
@@ -183,72 +178,64 @@ std::unique_ptr<PausableProxy> PausableProxy::start(int targetPort) {
     return nullptr;  // the destructor closes the socket
   }
   proxy->port_ = ntohs(address.sin_port);
-  proxy->acceptor_ = std::thread([p = proxy.get()] { p->accept(); });
+  proxy->thread_ = std::thread([p = proxy.get()] { p->relay(); });
   return proxy;
 }
 
 PausableProxy::~PausableProxy() {
   stopping_ = true;
-  if (acceptor_.joinable()) acceptor_.join();
-  shutDownLinks(false);
-  for (std::thread& pump : pumps_) pump.join();  // no more are added once the acceptor is gone
+  if (thread_.joinable()) thread_.join();
   if (listenFd_ >= 0) ::close(listenFd_);
 }
 
-void PausableProxy::cut(Cut how) {
-  mode_ = how;
-  if (how == Cut::Drop) shutDownLinks(true);
-}
-
-void PausableProxy::shutDownLinks(bool drop) {
-  std::lock_guard lock(mutex_);
-  for (const std::weak_ptr<Link>& weak : links_) {
-    if (const std::shared_ptr<Link> link = weak.lock()) {
-      resets_ += drop ? 1 : 0;
-      for (int fd : link->fd) {
-        if (drop) abortOnClose(fd);
-        ::shutdown(fd, SHUT_RDWR);  // wakes its pumps
+void PausableProxy::relay() {
+  std::vector<std::array<int, 2>> links;  // {client, server} of each relayed connection
+  // Closes link i, reset (no lingering) when dropped.
+  auto close = [&](std::size_t i, bool reset) {
+    for (int fd : links[i]) {
+      if (reset) abortOnClose(fd);
+      ::close(fd);
+    }
+    links.erase(links.begin() + static_cast<std::ptrdiff_t>(i));
+    resets_ += reset ? 1 : 0;
+  };
+  std::vector<char> chunk(64 * 1024);
+  while (!stopping_) {
+    const Cut mode = mode_;
+    while (mode == Cut::Drop && !links.empty()) close(links.size() - 1, true);
+    // Held: nothing is read or accepted, so bytes and new connections wait in the kernel's queues.
+    std::vector<pollfd> fds{{listenFd_, POLLIN, 0}};
+    for (const auto& link : links) fds.push_back({link[0], POLLIN, 0}), fds.push_back({link[1], POLLIN, 0});
+    if (mode == Cut::Hold || ::poll(fds.data(), fds.size(), 20) <= 0) {
+      if (mode == Cut::Hold) std::this_thread::sleep_for(10ms);
+      continue;
+    }
+    // Last to first, so that closing a link leaves the earlier indices alone.
+    for (std::size_t i = links.size(); i-- > 0;) {
+      for (int side : {0, 1}) {
+        if (fds[1 + 2 * i + side].revents == 0) continue;
+        const ssize_t n = ::recv(links[i][side], chunk.data(), chunk.size(), 0);
+        // One side closed or failed: the other goes too.
+        if (n <= 0 || ::send(links[i][1 - side], chunk.data(), static_cast<std::size_t>(n), MSG_NOSIGNAL) != n) {
+          close(i, false);
+          break;
+        }
       }
     }
-  }
-  links_.clear();
-}
-
-void PausableProxy::accept() {
-  while (!stopping_) {
-    pollfd listening{listenFd_, POLLIN, 0};
-    // Held: the listening socket is left alone, so new connections wait in its queue.
-    if (mode_ == Cut::Hold || ::poll(&listening, 1, 50) <= 0) {
-      std::this_thread::sleep_for(10ms);
-      continue;
-    }
+    if (fds[0].revents == 0) continue;
     const int client = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-    const int server = client < 0 || mode_ == Cut::Drop ? -1 : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int server = client < 0 || mode == Cut::Drop ? -1 : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in target = loopback(targetPort_);
-    if (server < 0 || ::connect(server, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
-      // Dropped, or the server is down: refused, as it would be.
-      resets_ += client >= 0 && mode_ == Cut::Drop ? 1 : 0;
-      if (client >= 0) abortOnClose(client), ::close(client);
-      if (server >= 0) ::close(server);
+    if (server >= 0 && ::connect(server, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0) {
+      links.push_back({client, server});
       continue;
     }
-    const std::shared_ptr<Link> link(new Link{{client, server}});
-    std::lock_guard lock(mutex_);
-    links_.push_back(link);
-    for (int from : {0, 1}) pumps_.emplace_back([this, link, from] { pump(link, from); });
+    // Dropped, or the server is down: refused, as it would be.
+    resets_ += client >= 0 && mode == Cut::Drop ? 1 : 0;
+    if (client >= 0) abortOnClose(client), ::close(client);
+    if (server >= 0) ::close(server);
   }
-}
-
-void PausableProxy::pump(const std::shared_ptr<Link>& link, int from) {
-  std::vector<char> chunk(64 * 1024);
-  for (ssize_t n; (n = ::recv(link->fd[from], chunk.data(), chunk.size(), 0)) > 0;) {
-    while (mode_ == Cut::Hold && !stopping_) std::this_thread::sleep_for(10ms);  // held: the bytes wait
-    if (mode_ == Cut::Drop || ::send(link->fd[1 - from], chunk.data(), static_cast<std::size_t>(n), MSG_NOSIGNAL) != n) {
-      break;
-    }
-  }
-  // One side closed or failed: the other goes too.
-  ::shutdown(link->fd[0], SHUT_RDWR), ::shutdown(link->fd[1], SHUT_RDWR);
+  while (!links.empty()) close(links.size() - 1, false);
 }
 
 // ---------------------------------------------------------------------------

@@ -9,8 +9,8 @@
 // - Processes are the test library's ChildProcess (parent-death signal, so
 //   none outlives a crashed driver or test: start them from the thread that
 //   lives longest); spawn() sends a child's standard error to a log file.
-// - Threads. Only PausableProxy starts threads (an acceptor, and a pump per
-//   direction of each connection); its methods are thread-safe. Every other
+// - Threads. Only PausableProxy starts a thread (its relay loop); its
+//   methods are thread-safe. Every other
 //   object is used from one thread at a time; the free functions are
 //   thread-safe.
 // - Mounts. Faults that need mount(2) (a read-only bind mount when running
@@ -23,7 +23,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -105,27 +104,20 @@ class PausableProxy {
   ~PausableProxy();
 
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  void cut(Cut how);
+  void cut(Cut how) { mode_ = how; }
   void resume() { mode_ = Cut::None; }
   // Connections reset by Drop cuts so far.
   std::uint64_t connectionsReset() const { return resets_; }
 
  private:
-  struct Link;  // one relayed connection
-  void accept();
-  void pump(const std::shared_ptr<Link>& link, int from);
-  // Shuts every open connection down, reset (no lingering) when drop.
-  void shutDownLinks(bool drop);
+  // The relay loop, on thread_: accepts, connects, copies, cuts.
+  void relay();
 
-  int listenFd_ = -1;  // immutable after start
-  int port_ = 0, targetPort_ = 0;
+  int listenFd_ = -1, port_ = 0, targetPort_ = 0;  // immutable once thread_ runs
   std::atomic<Cut> mode_{Cut::None};
   std::atomic<bool> stopping_{false};
   std::atomic<std::uint64_t> resets_{0};
-  std::mutex mutex_;                       // guards links_, pumps_
-  std::vector<std::weak_ptr<Link>> links_;
-  std::vector<std::thread> pumps_;
-  std::thread acceptor_;
+  std::thread thread_;
 };
 
 // The values of the store file at path, each decoded from its storage
