@@ -5,39 +5,36 @@
 //                                directory, a bus with velmorad activatable)
 //                                and with two the server, the application
 //                                processes, injects faults, checks, reports
-//   velmora_load app OUT STORES [FIRST COUNT CYCLE UNTIL_STOPPED RELEASE]
-//                                one application process: observes STORES
-//                                (comma-separated), and as a writer (with
-//                                FIRST...) writes its one store, one key per
-//                                synchronize
+//   velmora_load app OUT APP FIRST COUNT CYCLE UNTIL_STOPPED
+//                                one application process: writes the store
+//                                of APP, one key per synchronize
+//
+// What the integration tests check at a small size (a failed synchronize
+// while a fault lasts, change notices, no stray files after one fault) the
+// driver only measures at full size: throughput, latency, that nothing
+// acknowledged is lost, and how soon writing (or, on two devices, the other
+// device) recovers from each fault.
 //
 // Design note
 // - Processes. The orchestrator's main thread starts every child (their
 //   parent-death signal follows it). A child says "ready" on its standard
-//   output; SIGUSR1 tells a writer to go, SIGTERM tells a child to stop (both
+//   output; SIGUSR1 tells a writer to go, SIGTERM tells it to stop (both
 //   blocked in the children and taken with sigtimedwait, so that no library
 //   call is interrupted). The orchestrator reads what they did from their
 //   result files: OUT, "<seq> <start> <end> <ok>" per synchronize (seq -1 for
-//   the retries at the end), and OUT.seen, "<time> <application> <key>
-//   <reason>" per key heard of as changed elsewhere. A watchdog thread ends
-//   the whole run loudly when the global deadline passes: that is how a
-//   deadlock shows.
+//   the retries at the end). A watchdog thread ends the whole run loudly
+//   when the global deadline passes: that is how a deadlock shows.
 // - Clocks. Every timestamp is CLOCK_MONOTONIC in nanoseconds (steady_clock),
-//   comparable across the processes of one machine: the notification latency
-//   is a watcher's observer time minus the writer's synchronize return.
+//   comparable across the processes of one machine.
 // - Keys. Writer sequence number s writes key "k<s mod cycle>" with the text
 //   "<application>#<s>", so every write is checkable in the final file: a
-//   key must hold the last acknowledged write to it or a later one. A load
-//   run writes every key once (warm-up), then again (the run), so the
-//   daemon's memory is compared at equal store sizes. Each application's
-//   store has one writer, so any change its writer hears of is an echo of
-//   its own writes.
+//   key must hold the last acknowledged write to it or a later one.
+// - Faults. One table (Run::kFaults): what strikes each fault and takes it
+//   away, how long it lasts, how often it strikes; one loop injects them.
 // - Devices. A run has one or two (LoadSupport's Device); one code path
 //   serves both. With two, a velmora-server on loopback (a scratch SQLite
 //   database) serves one account both daemons are logged into (with the
-//   command-line tool); application a writes on device a mod 2 only, and
-//   each watcher sits on the device that does not write the stores it
-//   watches, so every change it hears of came through the server. A write
+//   command-line tool); application a writes on device a mod 2 only. A write
 //   counts once its synchronize returned on its own device; the run then
 //   waits for both devices' files to agree (convergence) and checks them
 //   both. The server's faults: killed and started again on its port and
@@ -293,8 +290,7 @@ class Run {
     for (std::size_t d = 0; d < devices_.size(); ++d) {
       memory += format(", velmorad%s %.1f MiB", on(d).c_str(), static_cast<double>(residentBytes(devices_[d]->daemonPid())) / (1 << 20));
     }
-    // Once the daemons have finished (watchers' journal releases still
-    // rewrite files after the writers are done), nothing but store files is left.
+    // Once the daemons have finished, nothing but store files is left.
     for (std::size_t d = 0; ok && d < devices_.size(); ++d) {
       devices_[d]->stopDaemon();
       std::string stray;
