@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <tuple>
 
 #include "SyncDevices.h"
 
@@ -182,9 +183,26 @@ TEST_F(GSettingsBackendTest, EachTypeReachesAWatcherReadsBackExactlyAndResets) {
     EXPECT_EQ(run({kTool, "--app", kApp, "get", row.key}).status, 1) << row.key;
   }
 
-  // A value of another type, written by another application, reads as the default.
-  ASSERT_EQ(run({kTool, "--app", kApp, "set", "count", "\"seven\""}).status, 0);
-  EXPECT_EQ(run({kGsettings, "get", kApp, "count"}).out, "0");
+  // What another application wrote reads where it fits the schema's type
+  // exactly, and as the default otherwise: (key, JSON set, what gsettings prints).
+  const std::vector<std::tuple<const char*, std::string, const char*>> foreign = {
+      {"ratio", "2", "2.0"},
+      {"ratio", "9007199254740993", "0.0"},  // no double holds it
+      {"small", "70000", "int16 0"},
+      {"wide", "-1", "uint32 0"},
+      {"count", "\"1\"", "0"},
+      {"flag", "1", "false"},
+      {"name", "{\"date\":\"2001-01-01T00:00:00Z\"}", "''"},
+      {"name", "\"a\\u0000b\"", "''"},
+      {"names", "[1]", "@as []"},
+      {"props", "{\"k\":{\"date\":\"2001-01-01T00:00:00Z\"}}", "@a{sv} {}"},
+      {"pair", "{\"gvariant-type\":\"(uu)\",\"gvariant\":{\"data\":\"AQAAAAIAAAA=\"}}", "(0, 0)"},
+      {"pair", "{\"gvariant-type\":\"(ii)\",\"gvariant\":{\"data\":\"AQID\"}}", "(0, 0)"},  // damaged
+  };
+  for (const auto& [key, json, printed] : foreign) {
+    ASSERT_EQ(run({kTool, "--app", kApp, "set", key, json}).status, 0) << json;
+    EXPECT_EQ(run({kGsettings, "get", kApp, key}).out, printed) << json;
+  }
 
   // A relocatable schema deep below the application: an additional store.
   ASSERT_EQ(run({kGsettings, "set", kProfile, "font", "'Mono 12'"}).status, 0);
