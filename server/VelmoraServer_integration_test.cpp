@@ -152,7 +152,9 @@ TEST(VelmoraServerTest, TokensGateEveryCallAndAReplacedOneEndsItsWatches) {
       {"Bearer " + hashToken(token), refused}, {"bearer " + token, grpc::StatusCode::OK},
   };
   TokenClient anonymous = TokenClient::plaintext(server.address, "");
-  for (const auto& [authorization, expected] : cases) {
+  for (const auto& testCase : cases) {
+    const std::optional<std::string>& authorization = testCase.first;  // a lambda cannot capture a binding
+    const grpc::StatusCode expected = testCase.second;
     SCOPED_TRACE(authorization.value_or("(none)"));
     auto context = [&] {
       auto c = anonymous.context();
