@@ -330,6 +330,8 @@ TEST(VelmoraServerTest, TwoNodesOverOnePostgresServeOneAccount) {
   std::optional<pb::WatchNotice> first = watch.next();
   ASSERT_TRUE(first);
   EXPECT_EQ(first->revision(), 0);
+  OpenWatch watchA = openWatch(viaA, "dev-a", 60s);
+  ASSERT_TRUE(watchA.next());
   pb::PushReply reply;
   ASSERT_TRUE(viaA.push(pushOf("org.example.App", "dev-a", {valueRecord("k", "v", now())}), &reply).ok());
   std::optional<pb::WatchNotice> woken = watch.next();
@@ -337,6 +339,11 @@ TEST(VelmoraServerTest, TwoNodesOverOnePostgresServeOneAccount) {
   EXPECT_EQ(woken->store(), "org.example.App");
   EXPECT_EQ(woken->revision(), 1);
   EXPECT_EQ(woken->origin_device(), "dev-a");
+  // A node hears the other's writes, and its own only once.
+  ASSERT_TRUE(viaB.push(pushOf("org.example.App", "dev-b", {valueRecord("j", "v", now())}), &reply).ok());
+  EXPECT_EQ(watch.next().value_or(pb::WatchNotice()).revision(), 2);
+  EXPECT_EQ(watchA.next().value_or(pb::WatchNotice()).revision(), 1);
+  EXPECT_EQ(watchA.next().value_or(pb::WatchNotice()).revision(), 2) << "node A heard its own write again";
 
   // The database goes away and comes back: node B may have missed notices,
   // so its watchers are told to start over; node A reconnects on its next request.
@@ -347,8 +354,9 @@ TEST(VelmoraServerTest, TwoNodesOverOnePostgresServeOneAccount) {
   EXPECT_FALSE(watch.next());
   EXPECT_EQ(watch.reader->Finish().error_code(), grpc::StatusCode::UNAVAILABLE);
   ASSERT_TRUE(viaA.push(pushOf("org.example.App", "dev-a", {valueRecord("k", "w", now() + 1)}), &reply).ok());
-  EXPECT_EQ(reply.results(0).winner().revision(), 2);
+  EXPECT_EQ(reply.results(0).winner().revision(), 3);
   EXPECT_EQ(reply.results(0).status(), pb::PushResult::ACCEPTED);
+  watchA.context->TryCancel();
   stopCleanly(nodeA);
   stopCleanly(nodeB);
 }
