@@ -1,17 +1,15 @@
-// The GSettings path and value mappings: where each path lands, what is
-// refused, that no two directories share a store, and that every type a
-// schema may declare reads back as written (natural where promised).
+// The GSettings path mapping: where each path lands, what is refused, and
+// that no two directories share a store. The value mapping is tested through
+// the built module (VelmoraSettingsBackend_integration_test).
 #include <gtest/gtest.h>
 
 #include <set>
 
 #include "SettingsPath.h"
-#include "SettingsValue.h"
 
 namespace velmora::gsettings {
 namespace {
 
-using velmora::PropertyList;
 
 struct PathCase {
   std::string directory;
@@ -56,75 +54,6 @@ TEST(SettingsPathTest, PathsMapToTheDocumentedStoresAndNeverShareOne) {
       EXPECT_TRUE(names.insert(mapping.address->storeName()).second) << "shared store: " << c.directory;
     }
   }
-}
-
-struct ValueCase {
-  const char* type;
-  const char* text;  // GVariant text
-  bool natural;      // stored as anything but the exact form
-};
-
-bool isExactForm(const PropertyList& stored) { return stored.find("gvariant-type") != nullptr; }
-
-GVariant* parse(const char* type, const char* text) {
-  GError* error = nullptr;
-  GVariant* value = g_variant_parse(G_VARIANT_TYPE(type), text, nullptr, nullptr, &error);
-  EXPECT_NE(value, nullptr) << text << ": " << (error != nullptr ? error->message : "");
-  g_clear_error(&error);
-  return value != nullptr ? g_variant_ref_sink(value) : nullptr;
-}
-
-TEST(SettingsValueTest, EveryTypeReadsBackAsWrittenInItsPromisedForm) {
-  const std::vector<ValueCase> cases = {
-      {"b", "true", true}, {"n", "-32768", true}, {"q", "65535", true}, {"i", "-7", true},
-      {"u", "4294967295", true}, {"x", "-9223372036854775808", true}, {"d", "0.1", true}, {"d", "-0.0", true},
-      {"s", "'h\xc3\xa9llo \"q\"'", true}, {"as", "['top', 'bottom']", true}, {"as", "@as []", true},
-      {"a{sv}", "{'a': <1>, 'b': <'x'>, 'c': <[<true>]>, 'd': <{'e': <2.5>}>, 'f': <int64 5000000000>}", true},
-      {"a{sv}", "{'a': <byte 1>, 'b': <int64 5>, 'c': <@ms nothing>}", true},
-      {"a{sv}", "{'b': <1>, 'a': <2>}", false}, {"a{sv}", "{'a': <1>, 'a': <2>}", false}, {"y", "0xff", false},
-      {"t", "18446744073709551615", false}, {"o", "'/org/example/x'", false}, {"g", "'a{sv}'", false},
-      {"(ii)", "(3, 4)", false}, {"ms", "@ms nothing", false}, {"ms", "just 'x'", false},
-      {"mmb", "just nothing", false}, {"ay", "b'bytes'", false}, {"a{ss}", "{'k': 'v'}", false},
-      {"aa{sv}", "[{'position': <1>}]", false}, {"(sa{sv}av)", "('s', {'k': <(1, 2)>}, [<'x'>, <@mi 7>])", false},
-      {"v", "<(1, 'a')>", false}, {"()", "()", false}};
-  for (const ValueCase& c : cases) {
-    GVariant* written = parse(c.type, c.text);
-    if (written == nullptr) continue;
-    const PropertyList stored = toPropertyList(written);
-    EXPECT_TRUE(stored.isValidForBinaryFormat()) << c.text;
-    EXPECT_EQ(!isExactForm(stored), c.natural) << c.text << " -> " << stored.description();
-    GVariant* read = toVariant(stored, G_VARIANT_TYPE(c.type));
-    ASSERT_NE(read, nullptr) << c.text;
-    EXPECT_TRUE(g_variant_equal(read, written) && !g_variant_is_floating(read))
-        << c.text << " read back as " << g_variant_print(read, TRUE);
-    g_variant_unref(read);
-    g_variant_unref(written);
-  }
-}
-
-// What another application wrote reads where it fits the schema's type
-// exactly, and as no value (the schema's default) otherwise.
-TEST(SettingsValueTest, AValueOfAnotherTypeReadsAsNone) {
-  GVariant* pair = parse("(ii)", "(1, 2)");
-  const PropertyList damaged = velmora::makeDictionary(
-      {{"gvariant-type", PropertyList::string("(ii)")}, {"gvariant", PropertyList::data(velmora::Bytes{1, 2, 3})}});
-  const std::vector<std::tuple<PropertyList, const char*, const char*>> cases = {
-      {PropertyList::integer(2), "d", "2.0"}, {PropertyList::integer(70000), "n", "none"},
-      {PropertyList::integer(-1), "u", "none"}, {PropertyList::string("1"), "i", "none"},
-      {PropertyList::integer(1), "b", "none"}, {PropertyList::string(std::string("a\0b", 3)), "s", "none"},
-      {PropertyList::date(0), "s", "none"}, {velmora::makeArray({PropertyList::integer(1)}), "as", "none"},
-      {toPropertyList(pair), "(uu)", "none"}, {damaged, "(ii)", "none"}, {PropertyList(), "s", "none"},
-      {PropertyList::integer((std::int64_t{1} << 53) + 1), "d", "none"},
-      {velmora::makeDictionary({{"k", PropertyList::date(0)}}), "a{sv}", "none"},
-  };
-  for (const auto& [stored, type, expected] : cases) {
-    GVariant* read = toVariant(stored, G_VARIANT_TYPE(type));
-    gchar* text = read != nullptr ? g_variant_print(read, FALSE) : g_strdup("none");
-    EXPECT_STREQ(text, expected) << stored.description() << " as " << type;
-    g_free(text);
-    if (read != nullptr) g_variant_unref(read);
-  }
-  g_variant_unref(pair);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The service's rules against both storage backends: the conflict rule,
 // refusals, limits, paging, accounts kept apart, revisions under concurrent
-// pushes through several nodes, and (PostgreSQL) notices between nodes.
+// pushes through several nodes.
 #include "SyncService.h"
 
 #include <fcntl.h>
@@ -8,23 +8,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "Accounts.h"
 #include "PostgresCluster.h"
 #include "PostgresStorage.h"
-#include "PrivateBus.h"  // waitUntil
 #include "ScratchEnvironment.h"
+#include "Server.h"
 #include "ServerTestSupport.h"
 #include "SqliteStorage.h"
 
 namespace velmora::server {
 namespace {
 
-using namespace std::chrono_literals;
 using testing::deletion;
 using testing::kNow;
 using testing::pushOf;
@@ -33,23 +33,13 @@ using Status = pb::PushResult::Status;
 
 enum class Backend { Sqlite, Postgres };
 
-// Records the notices a hub hands to one watch.
-class RecordingSubscriber final : public WatchHub::Subscriber {
- public:
-  void deliver(const pb::WatchNotice& notice) override {
-    std::lock_guard lock(mutex_);
-    notices_.push_back(notice);
+// Checks each result's status against expected, in order.
+void expectStatuses(const pb::PushReply& reply, const std::vector<Status>& expected) {
+  ASSERT_EQ(reply.results_size(), static_cast<int>(expected.size()));
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(reply.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
   }
-  void close(const grpc::Status&) override {}
-  std::vector<pb::WatchNotice> notices() const {
-    std::lock_guard lock(mutex_);
-    return notices_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<pb::WatchNotice> notices_;
-};
+}
 
 class SyncServiceTest : public ::testing::TestWithParam<Backend> {
  protected:
@@ -116,41 +106,34 @@ class SyncServiceTest : public ::testing::TestWithParam<Backend> {
 };
 
 TEST_P(SyncServiceTest, LastWriterWinsByTimestampAndTiesGoToTheLaterArrival) {
-  pb::PushReply first = push(pushOf("app", "dev-a", {valueRecord("k", "one", 100), valueRecord("other", "x", 100)}));
-  ASSERT_EQ(first.results_size(), 2);
-  EXPECT_EQ(first.results(0).status(), pb::PushResult::ACCEPTED);
-  EXPECT_EQ(first.results(0).winner().revision(), 1);
-  EXPECT_EQ(first.results(0).winner().origin_device(), "dev-a");
-  EXPECT_EQ(first.results(1).key(), "other");
-  EXPECT_EQ(first.revision(), 2);
-
-  // Older: loses, and the device learns what won.
-  pb::PushReply older = push(pushOf("app", "dev-b", {valueRecord("k", "zero", 99)}));
-  EXPECT_EQ(older.results(0).status(), pb::PushResult::SUPERSEDED);
-  EXPECT_EQ(older.results(0).winner().value(), valueRecord("k", "one", 100).value());
-  EXPECT_EQ(older.results(0).winner().revision(), 1);
-  EXPECT_EQ(older.revision(), 2);
-
-  // Same timestamp, arriving later: wins.
-  pb::PushReply tie = push(pushOf("app", "dev-b", {valueRecord("k", "two", 100, true)}));
-  EXPECT_EQ(tie.results(0).status(), pb::PushResult::ACCEPTED);
-  EXPECT_EQ(tie.results(0).winner().revision(), 3);
-  EXPECT_TRUE(tie.results(0).winner().gzipped());
-  EXPECT_EQ(tie.results(0).winner().origin_device(), "dev-b");
-
-  // A retried push changes nothing and takes no revision.
-  pb::PushReply retry = push(pushOf("app", "dev-b", {valueRecord("k", "two", 100, true)}));
-  EXPECT_EQ(retry.results(0).status(), pb::PushResult::ACCEPTED);
-  EXPECT_EQ(retry.results(0).winner().revision(), 3);
-  EXPECT_EQ(retry.revision(), 3);
-
-  // A deletion is a record like any other: it wins by time and beats older writes.
-  pb::PushReply removed = push(pushOf("app", "dev-a", {deletion("k", 101)}));
-  EXPECT_EQ(removed.results(0).status(), pb::PushResult::ACCEPTED);
-  EXPECT_TRUE(removed.results(0).winner().deleted());
-  pb::PushReply late = push(pushOf("app", "dev-c", {valueRecord("k", "three", 100)}));
-  EXPECT_EQ(late.results(0).status(), pb::PushResult::SUPERSEDED);
-  EXPECT_TRUE(late.results(0).winner().deleted());
+  const Status accepted = pb::PushResult::ACCEPTED;
+  const Status superseded = pb::PushResult::SUPERSEDED;
+  const pb::Record tie = valueRecord("k", "two", 100, true);
+  // Pushes in order: device, record, its status, and the winner's revision and device.
+  const std::vector<std::tuple<std::string, pb::Record, Status, std::int64_t, std::string>> steps = {
+      {"dev-a", valueRecord("other", "x", 100), accepted, 1, "dev-a"},
+      {"dev-a", valueRecord("k", "one", 100), accepted, 2, "dev-a"},
+      {"dev-b", valueRecord("k", "zero", 99), superseded, 2, "dev-a"},  // older: the device learns what won
+      {"dev-b", tie, accepted, 3, "dev-b"},                             // same time, later arrival: wins
+      {"dev-b", tie, accepted, 3, "dev-b"},                             // a retry changes nothing
+      {"dev-a", deletion("k", 101), accepted, 4, "dev-a"},              // a deletion wins by time too
+      {"dev-c", valueRecord("k", "three", 100), superseded, 4, "dev-a"},
+  };
+  std::map<std::string, pb::Record> winners;
+  for (const auto& [device, record, status, revision, winnerDevice] : steps) {
+    SCOPED_TRACE(record.key() + " from " + device);
+    if (status == accepted) winners[record.key()] = record;
+    pb::PushReply reply = push(pushOf("app", device, {record}));
+    ASSERT_EQ(reply.results_size(), 1);
+    const pb::Record& winner = reply.results(0).winner();
+    EXPECT_EQ(reply.results(0).status(), status);
+    EXPECT_EQ(winner.revision(), revision);
+    EXPECT_EQ(reply.revision(), revision);
+    EXPECT_EQ(winner.origin_device(), winnerDevice);
+    EXPECT_EQ(winner.value(), winners[record.key()].value());
+    EXPECT_EQ(winner.deleted(), winners[record.key()].deleted());
+    EXPECT_EQ(winner.gzipped(), winners[record.key()].gzipped());
+  }
 
   pb::PullReply all = pull("app");
   ASSERT_EQ(all.records_size(), 2);
@@ -177,15 +160,9 @@ TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
   pb::PushReply reply = push(pushOf("app", "dev", {empty, zero, garbage, falseGzip, mismatch, nul, trailing,
                                                    valueRecord("soon", "v", kNow + kMaxFutureSeconds),
                                                    valueRecord("later", "v", kNow + kMaxFutureSeconds + 1)}));
-  const std::vector<Status> expected = {pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
-                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
-                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::REFUSED_INVALID,
-                                        pb::PushResult::REFUSED_INVALID, pb::PushResult::ACCEPTED,
-                                        pb::PushResult::REFUSED_FUTURE};
-  ASSERT_EQ(reply.results_size(), static_cast<int>(expected.size()));
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(reply.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
-  }
+  const Status invalid = pb::PushResult::REFUSED_INVALID;
+  expectStatuses(reply, {invalid, invalid, invalid, invalid, invalid, invalid, invalid, pb::PushResult::ACCEPTED,
+                         pb::PushResult::REFUSED_FUTURE});
   EXPECT_FALSE(reply.results(8).reason().empty());
 
   // A future write to a key the server has comes back with the stored record.
@@ -225,14 +202,9 @@ TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
                                                    valueRecord("b", hundred, 100), valueRecord("c", hundred, 100)}),
                              alice_, core.get());
   *first.add_results() = push(pushOf("app", "dev", {valueRecord("c", ten, 101)}), alice_, core.get()).results(0);
-  const std::vector<Status> expected = {pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
-                                        pb::PushResult::REFUSED_LIMIT, pb::PushResult::REFUSED_LIMIT,
-                                        pb::PushResult::ACCEPTED,      pb::PushResult::REFUSED_LIMIT,
-                                        pb::PushResult::ACCEPTED};
-  ASSERT_EQ(first.results_size(), static_cast<int>(expected.size()));
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(first.results(static_cast<int>(i)).status(), expected[i]) << "record " << i;
-  }
+  const Status accepted = pb::PushResult::ACCEPTED;
+  const Status limit = pb::PushResult::REFUSED_LIMIT;
+  expectStatuses(first, {accepted, limit, limit, limit, accepted, limit, accepted});
   EXPECT_FALSE(first.results(1).has_winner());  // the server has no record of a refused new key
 
   // A fourth key breaks the count; deleting one makes room. Deletions of
@@ -242,8 +214,6 @@ TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
                                                   deletion("x1", 100), deletion("x2", 100), deletion("x3", 100),
                                                   deletion("x4", 100)}),
                             alice_, core.get());
-  EXPECT_EQ(full.results(0).status(), pb::PushResult::REFUSED_LIMIT);
-  EXPECT_EQ(full.results(1).status(), pb::PushResult::REFUSED_LIMIT);
   std::vector<std::string> deleted;
   const pb::PullReply stored = pull("app");
   for (const pb::Record& record : stored.records()) {
@@ -251,15 +221,13 @@ TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
   }
   EXPECT_EQ(deleted, (std::vector<std::string>{"x2", "x3", "x4"}));
   pb::PushReply room = push(pushOf("app", "dev", {deletion("a", 102), valueRecord("d", "x", 100)}), alice_, core.get());
-  EXPECT_EQ(room.results(0).status(), pb::PushResult::ACCEPTED);
-  EXPECT_EQ(room.results(1).status(), pb::PushResult::ACCEPTED);
+  expectStatuses(room, {accepted, accepted});
 
   // Growing past the sum is refused with the stored record; shrinking a
   // store that is over the sum (after the limit dropped) is not.
   pb::PushReply grow = push(pushOf("app", "dev", {valueRecord("d", hundred, 103), valueRecord("c", ten + ten, 103)}),
                             alice_, core.get());
-  EXPECT_EQ(grow.results(0).status(), pb::PushResult::ACCEPTED);  // up to 5 bytes under the sum
-  EXPECT_EQ(grow.results(1).status(), pb::PushResult::REFUSED_LIMIT);
+  expectStatuses(grow, {accepted, limit});  // the first up to 5 bytes under the sum
   EXPECT_EQ(grow.results(1).winner().value(), valueRecord("c", ten, 101).value());
   limits.maxKeyDataSum = size(ten);
   std::unique_ptr<SyncCore> tighter = makeCore(*storage_, limits);
@@ -309,28 +277,12 @@ TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) 
   EXPECT_EQ(stores.stores(0).revision(), 5);
   EXPECT_EQ(stores.stores(1).revision(), 4);
 
-  // Another account: its own revisions, none of alice's records, and only
-  // its own watchers hear of its writes.
-  auto aliceWatch = std::make_shared<RecordingSubscriber>();
-  auto bobWatch = std::make_shared<RecordingSubscriber>();
-  ASSERT_EQ(hub_.add(alice_.id, "", aliceWatch), WatchHub::Added::kYes);
-  ASSERT_EQ(hub_.add(bob_.id, "", bobWatch), WatchHub::Added::kYes);
+  // Another account: its own revisions, and none of alice's records.
   EXPECT_EQ(pull("s1", 0, 0, &bob_).records_size(), 0);
   pb::PushReply bobs = push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
   EXPECT_EQ(bobs.results(0).status(), pb::PushResult::ACCEPTED);
   EXPECT_EQ(bobs.revision(), 1);
   EXPECT_EQ(pull("s1").records(2).value(), valueRecord("k1", "b", 101).value());
-  ASSERT_EQ(bobWatch->notices().size(), 1u);
-  EXPECT_EQ(bobWatch->notices()[0].store(), "s1");
-  EXPECT_EQ(bobWatch->notices()[0].revision(), 1);
-  EXPECT_EQ(bobWatch->notices()[0].origin_device(), "bob-dev");
-  EXPECT_TRUE(aliceWatch->notices().empty());
-  // A push that writes nothing wakes nobody.
-  push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
-  EXPECT_EQ(bobWatch->notices().size(), 1u);
-  hub_.remove(alice_.id, aliceWatch.get());
-  hub_.remove(bob_.id, bobWatch.get());
-  EXPECT_EQ(hub_.size(), 0u);
 }
 
 // What one account may keep, and its token, are bounded alike on both backends.
@@ -461,54 +413,16 @@ TEST(SqliteStorageTest, FilesAreReadableByTheirOwnerOnly) {
   }
 }
 
-// Nodes over one PostgreSQL hear of each other's writes, not of their own,
-// and a node that lost the database tells its watchers to start over.
-TEST(PostgresNodesTest, WritesReachTheOtherNodesAndAnOutageResetsWatchers) {
-  std::string conninfo;
-  VELMORA_REQUIRE_POSTGRES(conninfo);
+// The node itself refuses plaintext off loopback, whatever its caller checked.
+TEST(SyncNodeTest, RefusesPlaintextOffLoopback) {
+  velmora::testing::ScratchDirectory directory("velmora-listen-test");
   std::string error;
-  std::unique_ptr<Storage> nodeA = openPostgresStorage(conninfo, &error, 1);
-  ASSERT_NE(nodeA, nullptr) << error;
-  std::unique_ptr<Storage> nodeB = openPostgresStorage(conninfo, &error, 1);
-  ASSERT_NE(nodeB, nullptr) << error;
-  Result<Account> account = nodeA->addAccount("alice", hashToken("t"));
-  ASSERT_TRUE(account.ok()) << account.error();
-
-  std::mutex mutex;
-  std::vector<ChangeNotice> heardByA;
-  std::vector<ChangeNotice> heardByB;
-  std::atomic<int> resetsOfB{0};
-  nodeA->setChangeListener([&](const ChangeNotice& notice) { std::lock_guard lock(mutex); heardByA.push_back(notice); },
-                           [] {});
-  nodeB->setChangeListener([&](const ChangeNotice& notice) { std::lock_guard lock(mutex); heardByB.push_back(notice); },
-                           [&] { ++resetsOfB; });
-
-  WatchHub hub;
-  SyncCore coreA(*nodeA, hub, Limits{}, [] { return kNow; });
-  pb::PushReply reply;
-  ASSERT_TRUE(coreA.push(account.value(), pushOf("org.example.App", "dev-a", {valueRecord("k", "v", 100)}), &reply).ok());
-  ASSERT_TRUE(velmora::testing::waitUntil([&] { std::lock_guard lock(mutex); return !heardByB.empty(); }, 10s));
-  {
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(heardByB[0].accountId, account->id);
-    EXPECT_EQ(heardByB[0].store, "org.example.App");
-    EXPECT_EQ(heardByB[0].revision, 1);
-    EXPECT_EQ(heardByB[0].originDevice, "dev-a");
-    EXPECT_TRUE(heardByA.empty()) << "a node heard its own write";
-  }
-
-  // The database goes away and comes back: B's listener reconnects and
-  // resets its watchers; A's pool reconnects on its next request.
-  std::string clusterError;
-  velmora::testing::PostgresCluster* cluster = velmora::testing::PostgresCluster::shared(&clusterError);
-  ASSERT_TRUE(cluster->pause(&clusterError)) << clusterError;
-  ASSERT_TRUE(cluster->resume(&clusterError)) << clusterError;
-  EXPECT_TRUE(velmora::testing::waitUntil([&] { return resetsOfB.load() > 0; }, 15s));
-  pb::PushReply again;
-  grpc::Status status = coreA.push(account.value(), pushOf("org.example.App", "dev-a", {valueRecord("k", "w", 101)}), &again);
-  ASSERT_TRUE(status.ok()) << status.error_message();
-  EXPECT_EQ(again.results(0).winner().revision(), 2);
-  EXPECT_TRUE(velmora::testing::waitUntil([&] { std::lock_guard lock(mutex); return heardByB.size() == 2; }, 10s));
+  std::unique_ptr<Storage> storage = openSqliteStorage(directory.file("db"), &error);
+  ASSERT_NE(storage, nullptr) << error;
+  NodeOptions options;
+  options.listen = "0.0.0.0:0";
+  EXPECT_EQ(SyncNode::start(*storage, options, &error), nullptr);
+  EXPECT_NE(error.find("TLS"), std::string::npos) << error;
 }
 
 }  // namespace
