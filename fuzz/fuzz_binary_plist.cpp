@@ -1,12 +1,14 @@
 // Decodes arbitrary bytes as a binary property list. Whatever decodes must
 // encode again, decode back to an equal value, and encode to the same bytes;
 // the single-entry read must agree with the whole decode.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <set>
 #include <span>
 #include <utility>
 
+#include "FuzzSupport.h"
 #include "velmora/platform/PlistCodec.h"
 
 namespace {
@@ -20,19 +22,16 @@ bool same(const PropertyList& a, const PropertyList& b, Seen& seen) {
   if (a.type() != b.type()) return false;
   if (const auto* x = a.getArray()) {
     const auto* y = b.getArray();
-    if (!seen.emplace(x, y).second) return true;
-    if (x->size() != y->size()) return false;
-    for (std::size_t i = 0; i < x->size(); ++i)
-      if (!same((*x)[i], (*y)[i], seen)) return false;
-    return true;
+    return !seen.emplace(x, y).second ||
+           std::equal(x->begin(), x->end(), y->begin(), y->end(),
+                      [&](const auto& i, const auto& j) { return same(i, j, seen); });
   }
   if (const auto* x = a.getDictionary()) {
     const auto* y = b.getDictionary();
-    if (!seen.emplace(x, y).second) return true;
-    if (x->size() != y->size()) return false;
-    for (auto i = x->begin(), j = y->begin(); i != x->end(); ++i, ++j)
-      if (i->first != j->first || !same(i->second, j->second, seen)) return false;
-    return true;
+    return !seen.emplace(x, y).second ||
+           std::equal(x->begin(), x->end(), y->begin(), y->end(), [&](const auto& i, const auto& j) {
+             return i.first == j.first && same(i.second, j.second, seen);
+           });
   }
   return a == b;
 }
@@ -40,23 +39,19 @@ bool same(const PropertyList& a, const PropertyList& b, Seen& seen) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const PropertyList value = velmora::decodeBinaryPlist(std::span(data, size));
-  // A single entry read of the top dictionary: never a crash, and on a file
-  // that decodes whole, exactly the entry the whole decode has.
-  const PropertyList count = velmora::decodeBinaryPlistEntry(std::span(data, size), "changecount");
-  if (!value.isNone()) {
-    const PropertyList* whole = value.find("changecount");
-    Seen seen;
-    if (whole == nullptr ? !count.isNone() : !same(*whole, count, seen)) __builtin_trap();
-  }
+  const std::span<const std::uint8_t> bytes(data, size);
+  const PropertyList value = velmora::decodeBinaryPlist(bytes);
+  // The single-entry read never crashes, and on a file that decodes whole it
+  // finds exactly the entry the whole decode has.
+  const PropertyList count = velmora::decodeBinaryPlistEntry(bytes, "changecount");
   if (value.isNone()) return 0;
+  Seen seen;  // pairs already proved equal stay valid across the comparisons
+  const PropertyList* whole = value.find("changecount");
+  fuzz::check(whole == nullptr ? count.isNone() : same(*whole, count, seen));
   const auto encoded = velmora::encodeBinaryPlist(value);
-  if (!encoded) __builtin_trap();
-  const PropertyList again = velmora::decodeBinaryPlist(*encoded);
-  Seen seen;
-  if (!same(value, again, seen)) __builtin_trap();
+  fuzz::check(encoded.has_value() && same(value, velmora::decodeBinaryPlist(*encoded), seen));
   // Same structure, same sharing: the writer must reproduce its bytes.
-  const auto reencoded = velmora::encodeBinaryPlist(again);
-  if (!reencoded || *reencoded != *encoded) __builtin_trap();
+  const auto reencoded = velmora::encodeBinaryPlist(velmora::decodeBinaryPlist(*encoded));
+  fuzz::check(reencoded && *reencoded == *encoded);
   return 0;
 }

@@ -2,19 +2,18 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 
+#include "FuzzSupport.h"
 #include "zkv/ZKVEncoding.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::span<const std::uint8_t> input(data, size);
+  const std::span<const std::uint8_t> input(data, size);
   (void)ZKVCopyUngzippedDataForData(input);
-
   if (auto gz = ZKVCopyGzippedDataForData(input)) {
-    if (gz->size() > size) std::abort();
+    // Only a smaller form is worth keeping; it must give back the input.
     auto back = ZKVCopyUngzippedDataForData(*gz);
-    if (!back || !std::equal(back->begin(), back->end(), input.begin(), input.end())) std::abort();
+    fuzz::check(gz->size() <= size && back && std::ranges::equal(*back, input));
   }
   return 0;
 }

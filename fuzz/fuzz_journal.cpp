@@ -1,19 +1,16 @@
 // Decodes arbitrary bytes as a store, queries a read-only journal over it,
 // then drives a writable journal over a mutable copy with edits taken from
-// the input.
+// the input: each 3-byte group an op, a key and a signed count.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "velmora/platform/PlistCodec.h"
 #include "zkv/ZKVJournal.h"
-
-using velmora::PlistDictionary;
-using velmora::PropertyList;
 
 namespace {
 
@@ -31,28 +28,24 @@ void query(const ZKVJournal& journal, std::int64_t count) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  PropertyList store = velmora::decodePlist(std::span(data, size));
-  std::int64_t count = size > 0 ? static_cast<std::int8_t>(data[0]) : 0;
-  query(ZKVJournal::withStore(store), count);
+  const velmora::PropertyList store = velmora::decodePlist(std::span(data, size));
+  query(ZKVJournal::withStore(store), size > 0 ? static_cast<std::int8_t>(data[0]) : 0);
 
-  auto mutableStore = std::make_shared<PlistDictionary>();
-  if (const PlistDictionary* dict = store.getDictionary()) *mutableStore = *dict;
+  auto mutableStore = std::make_shared<velmora::PlistDictionary>();
+  if (const velmora::PlistDictionary* dict = store.getDictionary()) *mutableStore = *dict;
   ZKVJournal journal = ZKVJournal::withMutableStore(mutableStore);
-  // Each 3-byte group: an op, a key and a signed count.
   for (std::size_t i = 0; i + 3 <= size && i < 96; i += 3) {
-    std::string key(1, static_cast<char>('a' + data[i + 1] % 4));
-    auto at = static_cast<std::int8_t>(data[i + 2]);
-    if (data[i] % 4 == 3) {
-      bool removed = journal.removeChangesUntilChangeCount(at);
-      if (journal.maximumChangeCount() != -1 && journal.maximumChangeCount() <= at) std::abort();
-      (void)removed;
-    } else {
-      std::int32_t change = data[i] % 4;  // 0 forgets the key
+    const std::string key(1, static_cast<char>('a' + data[i + 1] % 4));
+    const auto at = static_cast<std::int8_t>(data[i + 2]);
+    if (const std::int32_t change = data[i] % 4; change == 3) {
+      (void)journal.removeChangesUntilChangeCount(at);
+      fuzz::check(journal.maximumChangeCount() == -1 || journal.maximumChangeCount() > at);
+    } else {  // change 0 forgets the key
       journal.addChange(change, key, at);
-      if (journal.changeSinceChangeCount(static_cast<std::int64_t>(at) - 1, key) != change) std::abort();
+      fuzz::check(journal.changeSinceChangeCount(static_cast<std::int64_t>(at) - 1, key) == change);
     }
     query(journal, at);
   }
-  if (journal.journal().isNone() != (mutableStore->count("journal") == 0)) std::abort();
+  fuzz::check(journal.journal().isNone() == (mutableStore->count("journal") == 0));
   return 0;
 }

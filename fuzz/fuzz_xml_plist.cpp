@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <span>
 
+#include "FuzzSupport.h"
 #include "velmora/platform/PlistCodec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -11,10 +12,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (value.isNone()) return 0;
   // XML cannot share subtrees, so plain (tree-walking) equality is linear here.
   const auto xml = velmora::encodeXmlPlist(value);
-  if (!xml) __builtin_trap();
-  const auto* text = reinterpret_cast<const std::uint8_t*>(xml->data());
-  if (velmora::decodeXmlPlist(std::span(text, xml->size())) != value) __builtin_trap();
+  fuzz::check(xml && velmora::decodeXmlPlist(std::span(reinterpret_cast<const std::uint8_t*>(xml->data()),
+                                                       xml->size())) == value);
   const auto binary = velmora::encodeBinaryPlist(value);
-  if (!binary || velmora::decodeBinaryPlist(*binary) != value) __builtin_trap();
+  fuzz::check(binary && velmora::decodeBinaryPlist(*binary) == value);
   return 0;
 }
