@@ -74,27 +74,19 @@ std::size_t typeLength(std::string_view signature) {
 
 // What the rest of the input says, zeros once it runs out.
 struct Program {
-  std::span<const std::uint8_t> bytes_;
-  std::size_t at_ = 0;
-  int budget_ = 4096;  // basic values left to append
+  std::span<const std::uint8_t> bytes;
+  std::size_t at = 0;
+  // Basic values left to append: large types repeated by counts read past
+  // the end would otherwise build messages of millions of zeros.
+  int budget = 4096;
 
-  std::uint8_t byte() { return at_ < bytes_.size() ? bytes_[at_++] : 0; }
-  // Takes one basic value from the budget; false once it is spent. Large
-  // types repeated by counts read past the end would otherwise build
-  // messages of millions of zeros.
-  bool spend() { return budget_-- > 0; }
-  void read(void* out, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i) static_cast<std::uint8_t*>(out)[i] = byte();
-  }
-  // A 2-byte length, capped by the bytes left: zeros past the end would only
-  // make big messages of nothing.
-  std::size_t length() {
-    const std::size_t wanted = byte() | (std::size_t{byte()} << 8);
-    return std::min(wanted, bytes_.size() - std::min(at_, bytes_.size()));
-  }
+  std::uint8_t byte() { return at < bytes.size() ? bytes[at++] : 0; }
+  // A 2-byte length, capped by the bytes left (zeros past the end would only
+  // make big messages of nothing), then that many bytes.
   std::string text() {
-    std::string s(length(), '\0');
-    read(s.data(), s.size());
+    const std::size_t wanted = byte() | (std::size_t{byte()} << 8);
+    std::string s(std::min(wanted, bytes.size() - std::min(at, bytes.size())), '\0');
+    for (char& c : s) c = static_cast<char>(byte());
     return s;
   }
   // A type's signature; the depth only bounds nesting.
@@ -119,7 +111,7 @@ struct Program {
 // Numbers are read little-endian into a 64-bit word whose first bytes sd-bus
 // reads as the type's own width (b and h as an int): this host is little-endian.
 int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
-  if (!program.spend()) return -E2BIG;
+  if (program.budget-- <= 0) return -E2BIG;
   if (code == 's' || code == 'o' || code == 'g') {
     std::string text = code == 'g' ? program.type(depth) : program.text();
     if (code == 'o') {  // a path of one segment: the readers take any path as text
@@ -141,7 +133,8 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
     (void)program.byte();  // costs a byte, so no input asks for endless descriptors
     number = static_cast<std::uint64_t>(devNull);
   } else {
-    program.read(&number, code == 'y' ? 1 : code == 'n' || code == 'q' ? 2 : code == 'i' || code == 'u' ? 4 : 8);
+    const int width = code == 'y' ? 1 : code == 'n' || code == 'q' ? 2 : code == 'i' || code == 'u' ? 4 : 8;
+    for (int i = 0; i < width; ++i) number |= std::uint64_t{program.byte()} << (8 * i);
   }
   return sd_bus_message_append_basic(m, code, &number);
 }
@@ -149,8 +142,7 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
 int appendValue(sd_bus_message* m, const std::string& type, Program& program, int depth) {
   int r = 0;
   if (type == "ay") {
-    std::vector<std::uint8_t> bytes(program.length());
-    program.read(bytes.data(), bytes.size());
+    const std::string bytes = program.text();
     return sd_bus_message_append_array(m, 'y', bytes.data(), bytes.size());
   } else if (type == "v") {
     const std::string inner = program.type(depth + 1);
