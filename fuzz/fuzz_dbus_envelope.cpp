@@ -61,15 +61,11 @@ constexpr int kMaxTypeDepth = 80;
 
 // Length of the one complete type that signature starts with.
 std::size_t typeLength(std::string_view signature) {
-  std::size_t at = 0;
   int open = 0;
-  do {
-    while (signature[at] == 'a') ++at;
-    if (signature[at] == '(' || signature[at] == '{') ++open;
-    if (signature[at] == ')' || signature[at] == '}') --open;
-    ++at;
-  } while (open > 0);
-  return at;
+  for (std::size_t at = signature.find_first_not_of('a');; ++at) {
+    open += (signature[at] == '(' || signature[at] == '{') - (signature[at] == ')' || signature[at] == '}');
+    if (open == 0) return at + 1;
+  }
 }
 
 // What the rest of the input says, zeros once it runs out.
@@ -126,16 +122,13 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
     return sd_bus_message_append_basic(m, code, text.c_str());
   }
   static const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  static constexpr int kWidths[] = {1, 1, 2, 2, 4, 4, 8, 8, 8, 0, 0, 0, 1};  // of kBasicTypes
+  const int width = kWidths[kBasicTypes.find(code)];
   std::uint64_t number = 0;
-  if (code == 'b') {
-    number = program.byte() & 1;
-  } else if (code == 'h') {
-    (void)program.byte();  // costs a byte, so no input asks for endless descriptors
-    number = static_cast<std::uint64_t>(devNull);
-  } else {
-    const int width = code == 'y' ? 1 : code == 'n' || code == 'q' ? 2 : code == 'i' || code == 'u' ? 4 : 8;
-    for (int i = 0; i < width; ++i) number |= std::uint64_t{program.byte()} << (8 * i);
-  }
+  for (int i = 0; i < width; ++i) number |= std::uint64_t{program.byte()} << (8 * i);
+  if (code == 'b') number &= 1;
+  // A descriptor costs a byte, so no input asks for endless ones.
+  if (code == 'h') number = static_cast<std::uint64_t>(devNull);
   return sd_bus_message_append_basic(m, code, &number);
 }
 

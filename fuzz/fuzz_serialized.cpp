@@ -11,7 +11,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   velmora::Bytes framed = {0x01, 0, 0, 0, 0x2a, 0, 0, 0, 0, 0, 0, 0};
   framed.insert(framed.end(), data, data + size);
-  for (std::span<const std::uint8_t> bytes : {std::span<const std::uint8_t>(data, size), std::span<const std::uint8_t>(framed)}) {
+  using Span = std::span<const std::uint8_t>;
+  for (const Span bytes : {Span(data, size), Span(framed)}) {
     std::int64_t timestamp = 0, again = 0;
     const velmora::PropertyList value = ZKVCopyPropertyListAndTimestampFromData(bytes, &timestamp);
     if (value.isNone()) continue;
