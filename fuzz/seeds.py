@@ -117,7 +117,6 @@ def harvest(root):
                     requests.append((int(match.group(1)), value))
             elif isinstance(value, dict) and {"values", "changecount", "journal"} & value.keys():
                 add("fuzz_store_file", data)
-                add("fuzz_journal", data)
             stack = [value]  # every value inside, without recursion: test files nest deep
             while stack:
                 inner = stack.pop()
