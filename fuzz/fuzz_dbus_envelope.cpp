@@ -58,6 +58,7 @@ using fuzz::check;
 constexpr std::string_view kBasicTypes = "ybnqiuxtdsogh";
 // Deeper than the bus allows, so that its limits and the readers' get probed.
 constexpr int kMaxTypeDepth = 80;
+constexpr std::string_view kPathChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
 // Length of the one complete type that signature starts with.
 std::size_t typeLength(std::string_view signature) {
@@ -110,14 +111,12 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
   if (program.budget-- <= 0) return -E2BIG;
   if (code == 's' || code == 'o' || code == 'g') {
     std::string text = code == 'g' ? program.type(depth) : program.text();
-    if (code == 'o') {  // a path of one segment: the readers take any path as text
-      static constexpr std::string_view kChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
-      for (char& c : text) c = kChars[static_cast<unsigned char>(c) % kChars.size()];
-      text.insert(0, "/");
-    }
+    // A path of one segment: the readers take any path as text.
+    if (code == 'o') std::ranges::transform(text, text.begin(), [](unsigned char c) { return kPathChars[c % 63]; });
+    if (code == 'o') text.insert(0, "/");
     // Only valid UTF-8 travels; keep what is, fold the rest to ASCII.
     if (code == 's' && !velmora::isValidUtf8(text)) {
-      for (char& c : text) c = static_cast<char>(c & 0x7f);
+      std::ranges::transform(text, text.begin(), [](char c) { return static_cast<char>(c & 0x7f); });
     }
     return sd_bus_message_append_basic(m, code, text.c_str());
   }

@@ -60,15 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   load(state, contents);
   load(afterNoContent, PropertyList());
   load(afterNoContent, contents);
-  state.storageChangeCount = first;
-  state.externalChanges.reset();
-  load(state, contents);
-  state.storageChangeCount = first;
-  load(state, contents);
-  state.cache.reset();
-  state.externalChanges.reset();
-  state.storageChangeCount = first;
-  load(state, velmora::decodePlist(std::span(data, size)));
+  for (int round = 0; round < 3; ++round) {  // without pending changes, with them, then evicted
+    state.storageChangeCount = first;
+    if (round != 1) state.externalChanges.reset();
+    if (round == 2) state.cache.reset();
+    load(state, round < 2 ? contents : velmora::decodePlist(std::span(data, size)));
+  }
 
   query(ZKVJournal::withStore(contents), size > 0 ? first : 0);
   auto mutableStore = std::make_shared<velmora::PlistDictionary>();

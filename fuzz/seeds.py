@@ -57,39 +57,34 @@ def text(raw):
 # A type followed by a value of it, as a variant would hold it; a dictionary
 # as the envelope shape a{sv}, a date as (d): seconds since 2001.
 def typed(v):
-    if isinstance(v, bool):
-        return bytes([T_B, int(v)])
-    if isinstance(v, int) and v > 2**63 - 1:
-        return bytes([T_T]) + struct.pack("<Q", v & (2**64 - 1))
-    if isinstance(v, int):
-        return bytes([T_X]) + struct.pack("<q", max(v, -(2**63)))
-    if isinstance(v, float):
-        return bytes([T_D]) + struct.pack("<d", v)
+    if isinstance(v, dict):
+        items = sorted(v.items())[:255]
+        return bytes([T_ASV, len(items)]) + b"".join(text(k.encode()) + typed(x) for k, x in items)
+    if isinstance(v, list):
+        return bytes([T_ARRAY, T_V, len(v[:255])]) + b"".join(typed(x) for x in v[:255])
     if isinstance(v, (str, bytes)):
         return bytes([T_S]) + text(v.encode()) if isinstance(v, str) else bytes([T_AY]) + text(v)
     if isinstance(v, datetime.datetime):
         return bytes([T_STRUCT, 0, T_D]) + struct.pack("<d", (v - datetime.datetime(2001, 1, 1)).total_seconds())
-    if isinstance(v, list):
-        return bytes([T_ARRAY, T_V, len(v[:255])]) + b"".join(typed(x) for x in v[:255])
-    if isinstance(v, dict):
-        items = sorted(v.items())[:255]
-        return bytes([T_ASV, len(items)]) + b"".join(text(k.encode()) + typed(x) for k, x in items)
-    return bytes([T_B, 0])
+    if not isinstance(v, (int, float)):
+        return bytes([T_B, 0])
+    tag, fmt = ((T_B, "<?") if isinstance(v, bool) else (T_D, "<d") if isinstance(v, float)
+                else (T_T, "<Q") if v > 2**63 - 1 else (T_X, "<q"))
+    return bytes([tag]) + struct.pack(fmt, v & (2**64 - 1) if tag == T_T else max(v, -(2**63)) if tag == T_X else v)
 
 
-# A storage record, its value in the timestamped serialised form (tag 0x01,
-# three zero bytes, the timestamp as little-endian int64, a binary plist),
-# gzipped, and in the older {timestamp, value} form.
+# A storage record, and its value in the older {timestamp, value} form, in
+# the timestamped serialised form (tag 0x01, three zero bytes, the timestamp
+# as little-endian int64, a binary plist) and gzipped.
 def add_record(record):
-    add("fuzz_storage_record", dumps(record))
+    add("fuzz_encoding", dumps(record))
     timestamp, value = record.get("timestamp"), record.get("value")
     if isinstance(timestamp, int) and value is not None:
-        add("fuzz_serialized", dumps({"timestamp": timestamp, "value": value}))
+        add("fuzz_encoding", dumps({"timestamp": timestamp, "value": value}))
     if isinstance(timestamp, int) and timestamp != 0 and -(2**63) <= timestamp < 2**63 and dumps(value):
         form = b"\x01\x00\x00\x00" + struct.pack("<q", timestamp) + dumps(value)
-        add("fuzz_serialized", form)
-        add("fuzz_gzip", form)
-        add("fuzz_gzip", gzip.compress(form, mtime=0))
+        add("fuzz_encoding", form)
+        add("fuzz_encoding", gzip.compress(form, mtime=0))
 
 
 def harvest(root):
@@ -101,7 +96,7 @@ def harvest(root):
             if data.startswith((b"<?xml", b"<plist")):
                 add("fuzz_xml_plist", data)
             if data[:2] == b"\x1f\x8b":
-                add("fuzz_gzip", data)
+                add("fuzz_encoding", data)
             if not data.startswith(b"bplist00"):
                 continue
             add("fuzz_binary_plist", data)
@@ -123,10 +118,8 @@ def harvest(root):
                 stack.extend(inner.values() if isinstance(inner, dict) else inner if isinstance(inner, list) else [])
                 if isinstance(inner, dict) and "timestamp" in inner and "value" in inner:
                     add_record(inner)
-                elif isinstance(inner, bytes) and inner[:1] in (b"\x01", b"b"):
-                    add("fuzz_serialized", inner)
-                elif isinstance(inner, bytes) and inner[:2] == b"\x1f\x8b":
-                    add("fuzz_gzip", inner)
+                elif isinstance(inner, bytes) and (inner[:1] in (b"\x01", b"b") or inner[:2] == b"\x1f\x8b"):
+                    add("fuzz_encoding", inner)
         # A responder's recorded conversation, in order: the daemon target
         # replays it as one sequence.
         if len(requests) > 1:
