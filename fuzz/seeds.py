@@ -93,18 +93,17 @@ def harvest(root):
         for name in files:
             with open(os.path.join(directory, name), "rb") as f:
                 data = f.read()
-            if data.startswith((b"<?xml", b"<plist")):
-                add("fuzz_xml_plist", data)
+            if data.startswith((b"<?xml", b"<plist", b"bplist00")):
+                add("fuzz_plist", data)
             if data[:2] == b"\x1f\x8b":
                 add("fuzz_encoding", data)
             if not data.startswith(b"bplist00"):
                 continue
-            add("fuzz_binary_plist", data)
             try:
                 value = plistlib.loads(data)
             except Exception:  # a damaged file the tests made on purpose
                 continue
-            add("fuzz_xml_plist", dumps(value, plistlib.FMT_XML))
+            add("fuzz_plist", dumps(value, plistlib.FMT_XML))
             if isinstance(value, dict) and "message" in value:
                 add("fuzz_daemon_request", data)
                 add("fuzz_dbus_envelope", typed(value))

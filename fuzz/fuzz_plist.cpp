@@ -1,9 +1,13 @@
-// Decodes arbitrary bytes as a binary property list. Whatever decodes must
-// encode again, decode back to an equal value, and encode to the same bytes;
-// the single-entry read must agree with the whole decode.
+// Decodes arbitrary bytes as a property list, either encoding (told apart by
+// the "bplist00" magic, as every reader does). Whatever decodes must encode
+// to the binary form, decode back to an equal value, and encode to the same
+// bytes again; the single-entry read of a binary file must agree with the
+// whole decode; an XML document must also write back to XML and read back
+// equal.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <span>
 #include <utility>
@@ -40,18 +44,23 @@ bool same(const PropertyList& a, const PropertyList& b, Seen& seen) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::span<const std::uint8_t> bytes(data, size);
-  const PropertyList value = velmora::decodeBinaryPlist(bytes);
-  // The single-entry read never crashes, and on a file that decodes whole it
-  // finds exactly the entry the whole decode has.
+  const PropertyList value = velmora::decodePlist(bytes);
+  // The single-entry read never crashes, and on a binary file that decodes
+  // whole it finds exactly the entry the whole decode has.
   const PropertyList count = velmora::decodeBinaryPlistEntry(bytes, "changecount");
   if (value.isNone()) return 0;
   Seen seen;  // pairs already proved equal stay valid across the comparisons
+  const bool binary = size >= 8 && std::equal(data, data + 8, "bplist00");
   const PropertyList* whole = value.find("changecount");
-  fuzz::check(whole == nullptr ? count.isNone() : same(*whole, count, seen));
+  fuzz::check(!binary || (whole == nullptr ? count.isNone() : same(*whole, count, seen)));
   const auto encoded = velmora::encodeBinaryPlist(value);
   fuzz::check(encoded.has_value() && same(value, velmora::decodeBinaryPlist(*encoded), seen));
   // Same structure, same sharing: the writer must reproduce its bytes.
   const auto reencoded = velmora::encodeBinaryPlist(velmora::decodeBinaryPlist(*encoded));
   fuzz::check(reencoded && *reencoded == *encoded);
+  // XML cannot share subtrees, so plain (tree-walking) equality is linear here.
+  const auto xml = binary ? std::nullopt : velmora::encodeXmlPlist(value);
+  fuzz::check(binary || (xml && velmora::decodeXmlPlist(std::span(reinterpret_cast<const std::uint8_t*>(xml->data()),
+                                                                  xml->size())) == value));
   return 0;
 }
