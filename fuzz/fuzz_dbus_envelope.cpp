@@ -56,8 +56,6 @@ using velmora::PropertyList;
 using fuzz::check;
 
 constexpr std::string_view kBasicTypes = "ybnqiuxtdsogh";
-// Deeper than the bus allows, so that its limits and the readers' get probed.
-constexpr int kMaxTypeDepth = 80;
 constexpr std::string_view kPathChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
 // Length of the one complete type that signature starts with.
@@ -86,34 +84,37 @@ struct Program {
     for (char& c : s) c = static_cast<char>(byte());
     return s;
   }
-  // A type's signature; the depth only bounds nesting.
-  std::string type(int depth) {
+  // A type's signature. Nesting has no bound of its own, so that the bus's
+  // limits and the readers' get probed; each level costs a byte, and zeros
+  // past the end make a basic type.
+  std::string type() {
     const std::uint8_t tag = byte() % 19;
-    if (depth > kMaxTypeDepth) return "y";
     if (tag < kBasicTypes.size()) return std::string(1, kBasicTypes[tag]);
     if (tag == 13) return "v";
-    if (tag == 14) return "a" + type(depth + 1);
+    if (tag == 14) return "a" + type();
     if (tag == 15) {
       const std::string key(1, kBasicTypes[byte() % kBasicTypes.size()]);
-      return "a{" + key + type(depth + 2) + "}";
+      return "a{" + key + type() + "}";
     }
     if (tag == 17) return "a{sv}";
     if (tag == 18) return "ay";
     std::string members = "(";
-    for (int count = byte() % 4 + 1; count > 0; --count) members += type(depth + 1);
+    for (int count = byte() % 4 + 1; count > 0; --count) members += type();
     return members + ")";
   }
 };
 
 // Numbers are read little-endian into a 64-bit word whose first bytes sd-bus
 // reads as the type's own width (b and h as an int): this host is little-endian.
-int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
+int appendBasic(sd_bus_message* m, char code, Program& program) {
   if (program.budget-- <= 0) return -E2BIG;
   if (code == 's' || code == 'o' || code == 'g') {
-    std::string text = code == 'g' ? program.type(depth) : program.text();
+    std::string text = code == 'g' ? program.type() : program.text();
     // A path of one segment: the readers take any path as text.
-    if (code == 'o') std::ranges::transform(text, text.begin(), [](unsigned char c) { return kPathChars[c % 63]; });
-    if (code == 'o') text.insert(0, "/");
+    if (code == 'o') {
+      std::ranges::transform(text, text.begin(), [](unsigned char c) { return kPathChars[c % kPathChars.size()]; });
+      text.insert(0, "/");
+    }
     // Only valid UTF-8 travels; keep what is, fold the rest to ASCII.
     if (code == 's' && !velmora::isValidUtf8(text)) {
       std::ranges::transform(text, text.begin(), [](char c) { return static_cast<char>(c & 0x7f); });
@@ -131,29 +132,29 @@ int appendBasic(sd_bus_message* m, char code, Program& program, int depth) {
   return sd_bus_message_append_basic(m, code, &number);
 }
 
-int appendValue(sd_bus_message* m, const std::string& type, Program& program, int depth) {
+int appendValue(sd_bus_message* m, const std::string& type, Program& program) {
   int r = 0;
   if (type == "ay") {
     const std::string bytes = program.text();
     return sd_bus_message_append_array(m, 'y', bytes.data(), bytes.size());
   } else if (type == "v") {
-    const std::string inner = program.type(depth + 1);
+    const std::string inner = program.type();
     r = sd_bus_message_open_container(m, SD_BUS_TYPE_VARIANT, inner.c_str());
-    if (r >= 0) r = appendValue(m, inner, program, depth + 1);
+    if (r >= 0) r = appendValue(m, inner, program);
   } else if (type[0] == 'a') {
     const std::string element = type.substr(1);
     r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, element.c_str());
-    for (int n = program.byte(); r >= 0 && n > 0; --n) r = appendValue(m, element, program, depth + 1);
+    for (int n = program.byte(); r >= 0 && n > 0; --n) r = appendValue(m, element, program);
   } else if (type[0] == '(' || type[0] == '{') {  // a struct, or a dictionary entry: key and value
     const std::string members = type.substr(1, type.size() - 2);
     r = sd_bus_message_open_container(m, type[0] == '(' ? SD_BUS_TYPE_STRUCT : SD_BUS_TYPE_DICT_ENTRY,
                                       members.c_str());
     for (std::size_t at = 0, length = 0; r >= 0 && at < members.size(); at += length) {
       length = typeLength(std::string_view(members).substr(at));
-      r = appendValue(m, members.substr(at, length), program, depth + 1);
+      r = appendValue(m, members.substr(at, length), program);
     }
   } else {
-    return appendBasic(m, type[0], program, depth);
+    return appendBasic(m, type[0], program);
   }
   return r >= 0 ? sd_bus_message_close_container(m) : r;
 }
@@ -192,7 +193,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // The bus refuses what breaks its own rules (nesting, and a whole
   // signature over 255 characters, which sd-bus notices only when sealing):
   // no sender can send that.
-  if (appendValue(built.get(), program.type(0), program, 0) < 0 || !seal(built.get())) return 0;
+  if (appendValue(built.get(), program.type(), program) < 0 || !seal(built.get())) return 0;
 
   const std::optional<PropertyList> dictionary = velmora::readDbusDictionary(built.get());
   check(sd_bus_message_rewind(built.get(), 1) >= 0);
@@ -201,17 +202,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(dictionary.has_value() == (value && value->isDictionary()) && (!dictionary || *dictionary == *value));
   if (const auto object = dictionary ? velmora::ipcObjectFromPropertyList(*dictionary) : std::nullopt) {
     const Message again = newMessage();
-    check(velmora::appendIpcObject(again.get(), *object) >= 0 && seal(again.get()));
-    const std::optional<PropertyList> back = velmora::readDbusDictionary(again.get());
-    check(back && *back == *dictionary);
+    check(velmora::appendIpcObject(again.get(), *object) >= 0 && seal(again.get()) &&
+          velmora::readDbusDictionary(again.get()) == dictionary);
   }
   if (value) {
     const Message again = newMessage();
+    // Refused (EINVAL) only by the variant check; else it must read back equal.
     const int r = velmora::appendDbusVariant(again.get(), *value);
-    check(r >= 0 || r == -EINVAL);
-    if (r >= 0) check(seal(again.get()));
-    const std::optional<PropertyList> back = r >= 0 ? velmora::readDbusValue(again.get()) : value;
-    check(back && *back == *value);
+    check(r == -EINVAL || (r >= 0 && seal(again.get()) && velmora::readDbusValue(again.get()) == value));
   }
   return 0;
 }

@@ -73,14 +73,13 @@ def typed(v):
     return bytes([tag]) + struct.pack(fmt, v & (2**64 - 1) if tag == T_T else max(v, -(2**63)) if tag == T_X else v)
 
 
-# A storage record, and its value in the older {timestamp, value} form, in
-# the timestamped serialised form (tag 0x01, three zero bytes, the timestamp
-# as little-endian int64, a binary plist) and gzipped.
+# A storage record (which the encoding target also reads in the older
+# {timestamp, value} serialised form), and its value in the timestamped
+# serialised form (tag 0x01, three zero bytes, the timestamp as little-endian
+# int64, a binary plist), plain and gzipped.
 def add_record(record):
     add("fuzz_encoding", dumps(record))
     timestamp, value = record.get("timestamp"), record.get("value")
-    if isinstance(timestamp, int) and value is not None:
-        add("fuzz_encoding", dumps({"timestamp": timestamp, "value": value}))
     if isinstance(timestamp, int) and timestamp != 0 and -(2**63) <= timestamp < 2**63 and dumps(value):
         form = b"\x01\x00\x00\x00" + struct.pack("<q", timestamp) + dumps(value)
         add("fuzz_encoding", form)
