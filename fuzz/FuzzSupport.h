@@ -1,5 +1,7 @@
 // What the fuzz targets share: a broken promise traps (libFuzzer keeps the
 // input), and log lines are formatted, so their code runs, then dropped.
+// Include it from the target's one source file (it defines libFuzzer's
+// start-up hook).
 #pragma once
 
 #include <memory>
@@ -9,18 +11,16 @@
 
 namespace fuzz {
 
-inline void check(bool promiseKept) {
-  if (!promiseKept) __builtin_trap();
-}
+inline void check(bool promiseKept) { if (!promiseKept) __builtin_trap(); }
 
-// Installs a sink that accepts every level and keeps nothing; call at the top
-// of each run (only the first call does anything).
-inline void quietLogs() {
-  struct Discarding : velmora::LogSink {
-    void write(const velmora::LogHandle&, velmora::LogLevel, std::string_view) override {}
-  };
-  static const bool installed = (velmora::setLogSink(std::make_shared<Discarding>()), true);
-  (void)installed;
-}
+// Accepts every level (the default) and keeps nothing.
+struct DiscardingSink : velmora::LogSink {
+  void write(const velmora::LogHandle&, velmora::LogLevel, std::string_view) override {}
+};
 
 }  // namespace fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  velmora::setLogSink(std::make_shared<fuzz::DiscardingSink>());
+  return 0;
+}

@@ -40,26 +40,9 @@ const fs::path& directory() {
   return path;
 }
 
-// Checks one reply; returns the change count a successful synchronize
-// answered with, else -1.
-std::int64_t check(const PropertyList& request, const PropertyList& reply) {
-  const PropertyList* userInfo = reply.find(kZKVReplyUserInfoKey);
-  fuzz::check(velmora::ipcObjectFromPropertyList(reply) && reply.getDictionary()->size() == 1 &&
-              (userInfo != nullptr || reply.find(kZKVReplyErrorKey) != nullptr));
-  const PropertyList* message = request.find(kZKVRequestMessageKey);
-  std::int64_t count = -1;
-  if (userInfo != nullptr && message != nullptr && message->isString() &&
-      *message->getString() == kZKVMessageSynchronize) {
-    const PropertyList* answered = userInfo->find("changecount");
-    fuzz::check(answered != nullptr && answered->getInt64(count) && count >= 0);
-  }
-  return count;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  fuzz::quietLogs();
   const PropertyList input = velmora::decodePlist(std::span(data, size));
   if (input.isNone()) return 0;
   std::error_code ec;
@@ -77,7 +60,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       // (sd-bus refuses them): the daemon never sees one.
       if (request.isDictionary() && !velmora::ipcObjectFromPropertyList(request)) continue;
       const PropertyList reply = daemon.answerStoreRequest(store, request, i % 2 == 0 ? ":1.1" : ":1.2");
-      if (const std::int64_t answered = check(request, reply); answered >= 0) lastCount = answered;
+      const PropertyList* userInfo = reply.find(kZKVReplyUserInfoKey);
+      fuzz::check(velmora::ipcObjectFromPropertyList(reply) && reply.getDictionary()->size() == 1 &&
+                  (userInfo != nullptr || reply.find(kZKVReplyErrorKey) != nullptr));
+      const PropertyList* message = request.find(kZKVRequestMessageKey);
+      const std::string* name = message != nullptr ? message->getString() : nullptr;
+      if (userInfo == nullptr || name == nullptr || *name != kZKVMessageSynchronize) continue;
+      // A successful synchronize answers with the store's change count.
+      const PropertyList* answered = userInfo->find("changecount");
+      fuzz::check(answered != nullptr && answered->getInt64(lastCount) && lastCount >= 0);
     }
   }
   if (!fs::exists(store, ec)) return 0;

@@ -25,9 +25,10 @@ using velmora::server::Limits;
 using fuzz::check;
 
 // Pulls every record of store in small pages: the pages move on and hold
-// each key once, and the live keys stay within the count limit.
+// each key once, in revision order, and the live keys stay within the
+// count limit.
 void checkStore(velmora::server::SyncCore& core, const velmora::server::Account& account, const std::string& store,
-                const Limits& limits) {
+                std::int64_t maxKeyCount) {
   std::set<std::string> keys;
   std::int64_t live = 0;
   for (std::int64_t since = 0, page = 0; page < 10000; ++page) {
@@ -36,19 +37,17 @@ void checkStore(velmora::server::SyncCore& core, const velmora::server::Account&
     request.set_store(store);
     request.set_since_revision(since);
     request.set_limit(7);
-    check(core.pull(account, request, &reply).ok());
-    std::int64_t last = since;
+    check(core.pull(account, request, &reply).ok() && (reply.complete() || reply.revision() > since));
     for (const pb::Record& record : reply.records()) {
-      check(record.revision() > last && record.revision() <= reply.revision());
+      check(record.revision() > since && record.revision() <= reply.revision());
       check(keys.insert(record.key()).second && (!record.deleted() || record.value().empty()));
-      last = record.revision();
+      since = record.revision();
       live += record.deleted() ? 0 : 1;
     }
     if (reply.complete()) break;
-    check(reply.revision() > since);
     since = reply.revision();
   }
-  check(live <= limits.maxKeyCount);
+  check(live <= maxKeyCount);
 }
 
 }  // namespace
@@ -70,16 +69,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     data += 3 + length;
     size -= 3 + length;
     velmora::server::SyncCore& core = (kind & 2) ? tightCore : normalCore;
-    if (kind & 1) {
-      pb::PullRequest pull;
-      pb::PullReply reply;
-      if (!pull.ParseFromString(bytes) || !core.pull(account.value(), pull, &reply).ok()) continue;
-      for (const pb::Record& record : reply.records()) check(record.revision() > pull.since_revision());
-      continue;
+    pb::PullRequest pull;
+    pb::PullReply pulled;
+    if ((kind & 1) && pull.ParseFromString(bytes) && core.pull(account.value(), pull, &pulled).ok()) {
+      for (const pb::Record& record : pulled.records()) check(record.revision() > pull.since_revision());
     }
     pb::PushRequest request;
     pb::PushReply reply;
-    if (!request.ParseFromString(bytes) || !core.push(account.value(), request, &reply).ok()) continue;
+    if ((kind & 1) || !request.ParseFromString(bytes) || !core.push(account.value(), request, &reply).ok()) continue;
     check(reply.results_size() == request.records_size() && reply.revision() >= revision);
     for (int i = 0; i < reply.results_size(); ++i) {
       const pb::PushResult& result = reply.results(i);
@@ -90,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       check(result.status() != pb::PushResult::SUPERSEDED || winner.timestamp() > sent.timestamp());
     }
     revision = reply.revision();
-    checkStore(core, account.value(), request.store(), (kind & 2) ? tight : Limits{});
+    checkStore(core, account.value(), request.store(), ((kind & 2) ? tight : Limits{}).maxKeyCount);
   }
   return 0;
 }

@@ -28,14 +28,13 @@ import re
 import struct
 import sys
 
-MAX_SEED = 16 * 1024  # larger files add bulk, rarely coverage
 PUBLIC_DOCTYPE = re.compile(rb'<!DOCTYPE\s+plist\s+PUBLIC\s+"[^"]*"(?:\s+"[^"]*")?\s*>')
 # The bus target's type tags (see fuzz/fuzz_dbus_envelope.cpp).
 T_B, T_X, T_T, T_D, T_S, T_V, T_ARRAY, T_STRUCT, T_ASV, T_AY = 1, 6, 7, 8, 9, 13, 14, 16, 17, 18
 
 
 def add(target, data, name=""):
-    if not data or len(data) > MAX_SEED:
+    if not data or len(data) > 16 * 1024:  # larger files add bulk, rarely coverage
         return
     data = PUBLIC_DOCTYPE.sub(b"<!DOCTYPE plist>", data)
     os.makedirs(os.path.join(OUT, target), exist_ok=True)
