@@ -78,8 +78,7 @@ struct Program {
   // A 2-byte length, capped by the bytes left (zeros past the end would only
   // make big messages of nothing), then that many bytes.
   std::string text() {
-    const std::size_t wanted = byte() | (std::size_t{byte()} << 8);
-    std::string s(std::min(wanted, bytes.size() - std::min(at, bytes.size())), '\0');
+    std::string s(std::min<std::size_t>(byte() | (std::size_t{byte()} << 8), bytes.size() - at), '\0');
     for (char& c : s) c = static_cast<char>(byte());
     return s;
   }
@@ -111,9 +110,7 @@ int appendBasic(sd_bus_message* m, char code, Program& program) {
     std::string text = code == 'g' ? program.type() : program.text();
     if (code == 'o') text = "/o";  // the readers take any path as text; its bytes are spent all the same
     // Only valid UTF-8 travels; keep what is, fold the rest to ASCII.
-    if (code == 's' && !velmora::isValidUtf8(text)) {
-      std::ranges::transform(text, text.begin(), [](char c) { return static_cast<char>(c & 0x7f); });
-    }
+    if (code == 's' && !velmora::isValidUtf8(text)) for (char& c : text) c = static_cast<char>(c & 0x7f);
     return sd_bus_message_append_basic(m, code, text.c_str());
   }
   static const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
