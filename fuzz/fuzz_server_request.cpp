@@ -2,18 +2,19 @@
 // (SyncCore) against a fresh in-memory SQLite store, as a device could send
 // them, and checks what every reply promises.
 //
-// Input: up to kMaxRequests chunks of [kind][length: 2 bytes LE][bytes];
-// kind bit 0: 0 a PushRequest, 1 a PullRequest; bit 1: the tight limits
-// (3 keys, 8-byte names, 64-byte values, 128 in all) instead of the daemon's.
-// The bytes are decoded as that message; undecodable ones are skipped.
+// Input: up to 8 chunks of [kind][length: 2 bytes LE][bytes]; kind bit 0:
+// 0 a PushRequest, 1 a PullRequest; bit 1: the tight limits (3 keys, 8-byte
+// names, 64-byte values, 128 in all) instead of the daemon's. The bytes are
+// decoded as that message; undecodable ones are skipped.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "Accounts.h"
+#include "FuzzSupport.h"
 #include "SqliteStorage.h"
 #include "SyncService.h"
 
@@ -21,104 +22,72 @@ namespace {
 
 namespace pb = ::velmora::sync::v1;
 using velmora::server::Limits;
+using fuzz::check;
 
-constexpr int kMaxRequests = 8;
-constexpr std::int64_t kNow = 725846400;  // a fixed clock: 2024-01-01
-
-void check(bool condition) {
-  if (!condition) std::abort();
-}
-
-// Pulls every record of store; aborts when the pages break their promises.
+// Pulls every record of store in small pages: the pages move on and hold
+// each key once, in revision order, and the live keys stay within the
+// count limit.
 void checkStore(velmora::server::SyncCore& core, const velmora::server::Account& account, const std::string& store,
-                const Limits& limits) {
-  std::int64_t since = 0;
-  std::map<std::string, std::int64_t> revisions;
-  for (int page = 0; page < 10000; ++page) {
+                std::int64_t maxKeyCount) {
+  std::set<std::string> keys;
+  std::int64_t live = 0;
+  for (std::int64_t since = 0, page = 0; page < 10000; ++page) {
     pb::PullRequest request;
+    pb::PullReply reply;
     request.set_store(store);
     request.set_since_revision(since);
     request.set_limit(7);
-    pb::PullReply reply;
-    check(core.pull(account, request, &reply).ok());
-    std::int64_t last = since;
+    check(core.pull(account, request, &reply).ok() && (reply.complete() || reply.revision() > since));
     for (const pb::Record& record : reply.records()) {
-      check(record.revision() > last);
-      last = record.revision();
-      check(record.revision() <= reply.revision());
-      check(revisions.emplace(record.key(), record.revision()).second);  // each key once
-      check(!record.deleted() || record.value().empty());
+      check(record.revision() > since && record.revision() <= reply.revision());
+      check(keys.insert(record.key()).second && (!record.deleted() || record.value().empty()));
+      since = record.revision();
+      live += record.deleted() ? 0 : 1;
     }
     if (reply.complete()) break;
-    check(reply.revision() > since);  // an incomplete page always moves on
     since = reply.revision();
   }
-  // Fetched again from 0 in one page: the live keys stay within the count.
-  pb::PullRequest all;
-  all.set_store(store);
-  all.set_limit(1000);
-  pb::PullReply reply;
-  check(core.pull(account, all, &reply).ok());
-  std::int64_t live = 0;
-  for (const pb::Record& record : reply.records()) live += record.deleted() ? 0 : 1;
-  check(live <= limits.maxKeyCount);
+  check(live <= maxKeyCount);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string error;
-  std::unique_ptr<velmora::server::Storage> storage = velmora::server::openSqliteStorage(":memory:", &error);
-  if (!storage) std::abort();
-  velmora::server::Result<velmora::server::Account> account = storage->addAccount("fuzz", "hash");
-  if (!account) std::abort();
+  const std::unique_ptr<velmora::server::Storage> storage = velmora::server::openSqliteStorage(":memory:", &error);
+  const velmora::server::Result<velmora::server::Account> account = storage->addAccount("fuzz", "hash");
   velmora::server::WatchHub hub;
-  Limits tight;
-  tight.maxKeyCount = 3;
-  tight.maxKeyNameLen = 8;
-  tight.maxKeyDataLen = 64;
-  tight.maxKeyDataSum = 128;
-  velmora::server::SyncCore normalCore(*storage, hub, Limits{}, [] { return kNow; });
-  velmora::server::SyncCore tightCore(*storage, hub, tight, [] { return kNow; });
+  const Limits tight{.maxKeyCount = 3, .maxKeyNameLen = 8, .maxKeyDataLen = 64, .maxKeyDataSum = 128};
+  const auto now = [] { return std::int64_t{725846400}; };  // a fixed clock: 2024-01-01
+  velmora::server::SyncCore normalCore(*storage, hub, Limits{}, now), tightCore(*storage, hub, tight, now);
 
   std::int64_t revision = 0;
-  for (int n = 0; n < kMaxRequests && size >= 3; ++n) {
+  for (int n = 0; n < 8 && size >= 3; ++n) {
     const std::uint8_t kind = data[0];
     const std::size_t length = std::min<std::size_t>(data[1] | (data[2] << 8), size - 3);
     const std::string bytes(reinterpret_cast<const char*>(data + 3), length);
     data += 3 + length;
     size -= 3 + length;
     velmora::server::SyncCore& core = (kind & 2) ? tightCore : normalCore;
-    const Limits limits = (kind & 2) ? tight : Limits{};
-
-    if (kind & 1) {
-      pb::PullRequest request;
-      if (!request.ParseFromString(bytes)) continue;
-      pb::PullReply reply;
-      if (core.pull(account.value(), request, &reply).ok()) {
-        for (const pb::Record& record : reply.records()) check(record.revision() > request.since_revision());
-      }
-      continue;
+    pb::PullRequest pull;
+    pb::PullReply pulled;
+    if ((kind & 1) && pull.ParseFromString(bytes) && core.pull(account.value(), pull, &pulled).ok()) {
+      for (const pb::Record& record : pulled.records()) check(record.revision() > pull.since_revision());
     }
     pb::PushRequest request;
-    if (!request.ParseFromString(bytes)) continue;
     pb::PushReply reply;
-    if (!core.push(account.value(), request, &reply).ok()) continue;
-    check(reply.results_size() == request.records_size());
-    check(reply.revision() >= revision);
+    if ((kind & 1) || !request.ParseFromString(bytes) || !core.push(account.value(), request, &reply).ok()) continue;
+    check(reply.results_size() == request.records_size() && reply.revision() >= revision);
     for (int i = 0; i < reply.results_size(); ++i) {
       const pb::PushResult& result = reply.results(i);
-      check(result.key() == request.records(i).key());
-      if (result.status() == pb::PushResult::ACCEPTED) {
-        check(result.winner().revision() > 0 && result.winner().revision() <= reply.revision());
-        check(result.winner().timestamp() == request.records(i).timestamp());
-      }
-      if (result.status() == pb::PushResult::SUPERSEDED) {
-        check(result.winner().timestamp() > request.records(i).timestamp());
-      }
+      const pb::Record& sent = request.records(i), &winner = result.winner();
+      check(result.key() == sent.key() && (result.status() != pb::PushResult::ACCEPTED ||
+                                           (winner.revision() > 0 && winner.revision() <= reply.revision() &&
+                                            winner.timestamp() == sent.timestamp())));
+      check(result.status() != pb::PushResult::SUPERSEDED || winner.timestamp() > sent.timestamp());
     }
     revision = reply.revision();
-    checkStore(core, account.value(), request.store(), limits);
+    checkStore(core, account.value(), request.store(), ((kind & 2) ? tight : Limits{}).maxKeyCount);
   }
   return 0;
 }
