@@ -451,8 +451,10 @@ TEST_F(SourceTest, RequestsThatNeedTheStoreSendItsRegistrationFirst) {
          EXPECT_TRUE(s.serverSideDebugDescription());
        },
        {"ping", "printDebugDescription", "register"}}};
+  std::map<std::string, std::chrono::steady_clock::time_point> calledAt;
   for (const auto& [application, step, expected] : cases) {
     auto source = makeSource(application);
+    calledAt[application] = std::chrono::steady_clock::now();
     source->registerForCorvane();
     step(*source);
   }
@@ -460,6 +462,12 @@ TEST_F(SourceTest, RequestsThatNeedTheStoreSendItsRegistrationFirst) {
   settle();
   EXPECT_EQ(payloadsOf("setDefaultsConfig"), std::vector<PropertyList>{defaults});  // as given
   for (const auto& [application, step, expected] : cases) EXPECT_EQ(messagesFrom(application), expected) << application;
+  // Two seconds, not merely the code's own constant: a deferred request leaves 2.0 to 3.0 s after its call.
+  for (const ResponderArrival& arrival : readTimeline((root_ / "timeline").string())) {
+    if (arrival.bundleIdentifier.rfind("deferred.", 0) != 0) continue;
+    const auto after = arrival.at - calledAt[arrival.bundleIdentifier];
+    EXPECT_TRUE(after >= 2000ms && after <= 3000ms) << arrival.message << " from " << arrival.bundleIdentifier;
+  }
   EXPECT_EQ(messagesFrom("reg.never"), Messages{"unregister"});
   EXPECT_EQ(payloadsOf("discardJournalEntries"), std::vector<PropertyList>{integer(3)});  // the bare number
 }
