@@ -413,7 +413,12 @@ int Daemon::run() {
   globalQueue_->sync([] {});
   workers_.drain();
   drainOutbox();
-  sd_bus_flush(bus_);
+  // Letting the name go is a round trip behind the last reply: the bus
+  // handles a connection's messages in order, so once it answers, every
+  // reply has reached it. Exiting right after a flush can leave the bus to
+  // see the hang-up first and tell the callers no reply came.
+  const int released = sd_bus_release_name(bus_, kServiceName);
+  if (released < 0) sd_bus_flush(bus_);
   log().log(LogLevel::Default, "velmorad: exiting");
   return 0;
 }

@@ -194,6 +194,9 @@ TEST(ZKVJournal, QueriesCompareCountsStrictlyAndStartFromMinusOne) {
   EXPECT_TRUE(j.changesSinceChangeCount(7).isNone());
   EXPECT_EQ(j.changeSinceChangeCount(4, "a"), 1);
   EXPECT_EQ(j.changeSinceChangeCount(5, "a"), 0);
+  // -1 is the floor, even when every count is lower.
+  const PlistDictionary negative{{"journal", makeDictionary({{"a", journalEntry(-3, 1)}, {"b", journalEntry(-5, 2)}})}};
+  EXPECT_EQ(ZKVJournal::withStore(negative).maximumChangeCount(), -1);
   // No journal, or one that is no dictionary, tells nothing.
   for (const ZKVJournal& none : {ZKVJournal(), ZKVJournal::withStore(makeDictionary({{"journal", PropertyList::string("junk")}})),
                                  ZKVJournal::withMutableStore(nullptr)}) {
