@@ -534,6 +534,11 @@ TEST(XmlPlist, WritesTheUsualLayoutAndOnlyWhatXmlCarries) {
   EXPECT_FALSE(encodeXmlPlist(makeDictionary({{std::string("k\0", 2), P::integer(1)}})));
   const P fine = P::string("tab\there\r\nCR\r end\x7f \xef\xbf\xbd");
   EXPECT_EQ(xml(encodeXmlPlist(fine).value()), fine);
+  // Checked-in files carry that bare DOCTYPE too: the public identifier and
+  // DTD address other writers put there name their maker. git grep exits 1
+  // when none is found.
+  const int found = std::system("git -C '" VELMORA_SOURCE_DIR "' grep -lE '<!DOCTYPE[[:space:]]+plist[[:space:]]+PUBLIC'");
+  EXPECT_TRUE(WIFEXITED(found) && WEXITSTATUS(found) == 1) << "a public plist DOCTYPE above, or git failed";
 }
 
 // Known dates are proven against plistlib above; here what it does not take.
