@@ -1,6 +1,8 @@
 // PostgresCluster (see PostgresCluster.h for the design note).
 #include "PostgresCluster.h"
 
+#include "PrivateBus.h"
+
 #include <fcntl.h>
 #include <grp.h>
 #include <libpq-fe.h>
@@ -13,6 +15,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <deque>
+#include <numeric>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -27,40 +31,8 @@ namespace {
 constexpr int kPort = 5432;  // names the socket file only: there is no TCP listener
 constexpr const char* kSuperuser = "velmora";
 
-// Forks and execs argv with stdout and stderr appended to logPath, as
-// uid/gid when drop is set, with SIGQUIT on the parent's death when
-// pdeath is set. The child's pid, or -1.
-pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath, bool drop, uid_t uid, gid_t gid,
-            bool pdeath) {
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  // Child: only async-signal-safe calls from here on.
-  const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (log >= 0) {
-    dup2(log, STDOUT_FILENO);
-    dup2(log, STDERR_FILENO);
-  }
-  const int null = open("/dev/null", O_RDONLY);
-  if (null >= 0) dup2(null, STDIN_FILENO);
-  if (drop && (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0)) _exit(126);
-  // After the change of user, which clears the parent-death signal.
-  if (pdeath && (prctl(PR_SET_PDEATHSIG, SIGQUIT) != 0 || getppid() != parent)) _exit(125);
-  execv(args[0], args.data());
-  _exit(127);
-}
-
-// Waits for pid; true when it exited with status 0.
-bool waitSuccess(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
+// Whether a child's wait status (nullopt: still running) is a clean exit.
+bool exitedCleanly(std::optional<int> status) { return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0; }
 
 // Runs one statement on conninfo; false with *error set on failure.
 bool runStatement(const std::string& conninfo, const std::string& sql, std::string* error) {
@@ -100,14 +72,11 @@ std::optional<std::string> PostgresCluster::binDirectory() {
   std::optional<std::string> best;
   int bestVersion = -1;
   for (const auto& entry : std::filesystem::directory_iterator("/usr/lib/postgresql", ignored)) {
-    const std::string version = entry.path().filename().string();
+    const int version = std::atoi(entry.path().filename().c_str());
     const std::filesystem::path bin = entry.path() / "bin";
-    if (!std::filesystem::exists(bin / "initdb", ignored) || !std::filesystem::exists(bin / "postgres", ignored)) {
-      continue;
-    }
-    const int number = std::atoi(version.c_str());
-    if (number > bestVersion) {
-      bestVersion = number;
+    if (version > bestVersion && std::filesystem::exists(bin / "initdb", ignored) &&
+        std::filesystem::exists(bin / "postgres", ignored)) {
+      bestVersion = version;
       best = bin.string();
     }
   }
@@ -146,12 +115,9 @@ std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
     }
   }
   chmod(pattern.c_str(), 0755);  // the socket's directory: root and the test user connect
-  const std::string data = cluster->directory_ + "/data";
-  const pid_t initdb = spawn({cluster->binDirectory_ + "/initdb", "-D", data, "-U", kSuperuser, "--auth=trust",
-                              "-E", "UTF8", "--locale=C", "--no-sync"},
-                             cluster->directory_ + "/postgres.log", cluster->dropPrivileges_, cluster->runUid_,
-                             cluster->runGid_, false);
-  if (initdb < 0 || !waitSuccess(initdb)) {
+  auto initdb = cluster->spawn({cluster->binDirectory_ + "/initdb", "-D", cluster->directory_ + "/data", "-U",
+                                kSuperuser, "--auth=trust", "-E", "UTF8", "--locale=C", "--no-sync"});
+  if (!initdb || !exitedCleanly(initdb->waitForExit(std::chrono::minutes(2)))) {
     *error = "initdb failed:\n" + cluster->logTail();
     return nullptr;
   }
@@ -171,12 +137,26 @@ PostgresCluster* PostgresCluster::shared(std::string* error) {
   return cluster.get();
 }
 
+// Starts argv as runUid_/runGid_ when dropping privileges (the change of
+// user clears the parent-death signal: setpriv sets SIGQUIT, an immediate
+// shutdown, after it), its output appended to the log.
+std::unique_ptr<ChildProcess> PostgresCluster::spawn(const std::vector<std::string>& argv) const {
+  std::vector<std::string> wrapped{"/bin/sh", "-c", "exec \"$@\" >>\"$0\" 2>&1 </dev/null",
+                                   directory_ + "/postgres.log", "/usr/bin/setpriv", "--pdeathsig=SIGQUIT"};
+  if (dropPrivileges_) {
+    wrapped.insert(wrapped.end(), {"--reuid=" + std::to_string(runUid_), "--regid=" + std::to_string(runGid_),
+                                   "--clear-groups"});
+  }
+  wrapped.push_back("--");
+  wrapped.insert(wrapped.end(), argv.begin(), argv.end());
+  return ChildProcess::start(wrapped);
+}
+
 bool PostgresCluster::launch(std::string* error) {
-  pid_ = spawn({binDirectory_ + "/postgres", "-D", directory_ + "/data", "-k", directory_, "-p",
+  server_ = spawn({binDirectory_ + "/postgres", "-D", directory_ + "/data", "-k", directory_, "-p",
                 std::to_string(kPort), "-c", "listen_addresses=", "-c", "fsync=off", "-c", "synchronous_commit=off",
-                "-c", "full_page_writes=off", "-c", "max_connections=200", "-c", "shared_buffers=16MB"},
-               directory_ + "/postgres.log", dropPrivileges_, runUid_, runGid_, true);
-  if (pid_ < 0) {
+                "-c", "full_page_writes=off", "-c", "max_connections=200", "-c", "shared_buffers=16MB"});
+  if (!server_) {
     *error = std::string("fork: ") + std::strerror(errno);
     return false;
   }
@@ -184,9 +164,8 @@ bool PostgresCluster::launch(std::string* error) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (std::chrono::steady_clock::now() < deadline) {
     if (PQping(target.c_str()) == PQPING_OK) return true;
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
+    if (server_->waitForExit(std::chrono::milliseconds(0))) {
+      server_.reset();
       *error = "postgres exited at start:\n" + logTail();
       return false;
     }
@@ -197,10 +176,9 @@ bool PostgresCluster::launch(std::string* error) {
 }
 
 PostgresCluster::~PostgresCluster() {
-  if (pid_ > 0) {
-    kill(pid_, SIGQUIT);
-    waitSuccess(pid_);
-  }
+  if (server_) server_->signal(SIGQUIT);
+  if (server_) server_->waitForExit(std::chrono::seconds(30));
+  server_.reset();
   std::error_code ignored;
   if (!directory_.empty()) std::filesystem::remove_all(directory_, ignored);
 }
@@ -218,23 +196,23 @@ std::string PostgresCluster::createDatabase(std::string* error) {
 }
 
 bool PostgresCluster::pause(std::string* error) {
-  if (pid_ <= 0) return true;
-  kill(pid_, SIGINT);  // fast shutdown
-  const bool clean = waitSuccess(pid_);
-  pid_ = -1;
+  if (!server_) return true;
+  server_->signal(SIGINT);  // fast shutdown
+  const bool clean = exitedCleanly(server_->waitForExit(std::chrono::seconds(60)));
+  server_.reset();
   if (!clean) *error = "postgres did not stop cleanly:\n" + logTail();
   return clean;
 }
 
-bool PostgresCluster::resume(std::string* error) { return pid_ > 0 || launch(error); }
+bool PostgresCluster::resume(std::string* error) { return server_ || launch(error); }
 
 std::string PostgresCluster::logTail() const {
   std::ifstream in(directory_ + "/postgres.log");
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::ostringstream tail;
-  for (std::size_t i = lines.size() > 20 ? lines.size() - 20 : 0; i < lines.size(); ++i) tail << lines[i] << '\n';
-  return tail.str();
+  std::deque<std::string> lines;
+  for (std::string line; std::getline(in, line); lines.push_back(line + "\n")) {
+    if (lines.size() == 20) lines.pop_front();
+  }
+  return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 }  // namespace velmora::testing

@@ -34,8 +34,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace velmora::testing {
+
+class ChildProcess;
 
 class PostgresCluster {
  public:
@@ -72,11 +75,9 @@ class PostgresCluster {
   bool pause(std::string* error);
   bool resume(std::string* error);
 
-  // The directory holding the data, the log ("postgres.log") and the socket.
-  const std::string& directory() const noexcept { return directory_; }
-
  private:
   PostgresCluster() = default;
+  std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& argv) const;
   bool launch(std::string* error);
   std::string logTail() const;
 
@@ -85,7 +86,7 @@ class PostgresCluster {
   uid_t runUid_ = 0;          // the user the server runs as
   gid_t runGid_ = 0;
   bool dropPrivileges_ = false;  // running as root: switch to runUid_/runGid_
-  pid_t pid_ = -1;               // the postmaster, -1 when stopped
+  std::unique_ptr<ChildProcess> server_;  // the postmaster, null when stopped
   int databases_ = 0;            // databases made by createDatabase
 };
 

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -34,7 +35,6 @@ namespace velmora::testing {
 namespace {
 
 PrivateBus* gBus = nullptr;  // set once by instance() on the main thread
-std::atomic<bool> gStarted{false};
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
@@ -44,7 +44,8 @@ constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(th
 constexpr bool kSanitized = false;
 #endif
 
-// In a sanitizer build, the children's sanitizer reports (responders, the
+// Stops the bus after the last test of the run, then looks for the
+// children's sanitizer reports. In a sanitizer build those (responders, the
 // velmorad the bus starts, test processes run as children) go to files in a
 // directory of this process's own: nobody reads a child's standard error,
 // and the bus daemon, not the test, sees velmorad's exit status. The
@@ -54,31 +55,29 @@ constexpr bool kSanitized = false;
 // directory sits in VELMORA_SANITIZER_LOG_DIR when set (the test scripts
 // look there again after the run, for reports written after a test ended),
 // else in the temporary directory.
-class ChildSanitizerReports {
+class PrivateBusEnvironment final : public ::testing::Environment {
  public:
-  ChildSanitizerReports() {
+  PrivateBusEnvironment() {
     if (!kSanitized) return;
     const char* parent = std::getenv("VELMORA_SANITIZER_LOG_DIR");
     keep_ = parent != nullptr && *parent != '\0';
-    std::string pattern = (keep_ ? std::string(parent) : std::filesystem::temp_directory_path().string()) +
-                          "/velmora-children-XXXXXX";
     std::error_code ignored;
     if (keep_) std::filesystem::create_directories(parent, ignored);
-    if (::mkdtemp(pattern.data()) == nullptr) return;
-    directory_ = pattern;
+    directory_ = (keep_ ? std::string(parent) : std::filesystem::temp_directory_path().string()) +
+                 "/velmora-children-XXXXXX";
+    if (::mkdtemp(directory_.data()) == nullptr) directory_.clear();
     for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      if (directory_.empty()) break;
       const char* old = std::getenv(name);
       std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
       ::setenv(name, (value + "log_path=" + directory_ + "/report").c_str(), 1);
     }
   }
 
-  const std::string& directory() const noexcept { return directory_; }
-
-  // Fails the run once for every report written so far, printing it on
-  // stderr; removes the directory when it is empty and nobody looks again.
-  // Main thread, after the last test.
-  void check() {
+  // Fails the run once for every report written, printing it on stderr;
+  // removes the directory when it is empty and nobody looks again.
+  void TearDown() override {
+    if (gBus != nullptr) gBus->stop();
     if (directory_.empty()) return;
     std::error_code ec;
     bool any = false;
@@ -96,36 +95,14 @@ class ChildSanitizerReports {
   bool keep_ = false;      // main thread only
 };
 
-ChildSanitizerReports gChildReports;
-
-// Stops the bus after the last test of the run, then looks for the
-// children's sanitizer reports.
-class PrivateBusEnvironment final : public ::testing::Environment {
- public:
-  void TearDown() override {
-    if (gBus != nullptr) gBus->stop();
-    gChildReports.check();
-  }
-};
-
 [[maybe_unused]] ::testing::Environment* const kEnvironment =
     ::testing::AddGlobalTestEnvironment(new PrivateBusEnvironment);
 
-std::string busConfig(const std::string& directory, const std::string& services) {
-  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-         "<busconfig>\n"
-         "  <type>session</type>\n"
-         "  <keep_umask/>\n"
-         "  <listen>unix:dir=" + directory + "</listen>\n"
-         "  <auth>EXTERNAL</auth>\n"
-         "  <servicedir>" + services + "</servicedir>\n"
-         "  <policy context=\"default\">\n"
-         "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-         "    <allow eavesdrop=\"true\"/>\n"
-         "    <allow own=\"*\"/>\n"
-         "  </policy>\n"
-         "</busconfig>\n";
+std::string busConfig(const std::string& directory) {
+  return "<busconfig><type>session</type><keep_umask/><auth>EXTERNAL</auth>\n"
+         "<listen>unix:dir=" + directory + "</listen><servicedir>" + directory + "/services</servicedir>\n"
+         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+         "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
 }
 
 }  // namespace
@@ -141,17 +118,15 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
   // extraEnvironment replaces inherited variables of the same name.
-  std::vector<std::string> envStrings;
+  std::vector<std::string> envStrings = extraEnvironment;
   for (char** e = environ; *e != nullptr; ++e) {
-    std::string_view entry(*e);
-    bool replaced = false;
-    for (const std::string& extra : extraEnvironment) {
-      std::string_view name = std::string_view(extra).substr(0, extra.find('=') + 1);
-      replaced = replaced || entry.substr(0, name.size()) == name;
+    const std::string_view entry(*e);
+    if (std::ranges::none_of(extraEnvironment, [&](const std::string& extra) {
+          return entry.starts_with(std::string_view(extra).substr(0, extra.find('=') + 1));
+        })) {
+      envStrings.emplace_back(entry);
     }
-    if (!replaced) envStrings.emplace_back(entry);
   }
-  for (const std::string& e : extraEnvironment) envStrings.push_back(e);
   std::vector<char*> env;
   for (const std::string& e : envStrings) env.push_back(const_cast<char*>(e.c_str()));
   env.push_back(nullptr);
@@ -209,6 +184,12 @@ void ChildProcess::signal(int sig) {
   if (pid_ > 0) ::kill(pid_, sig);
 }
 
+void ChildProcess::stop(std::unique_ptr<ChildProcess>& child) {
+  if (child) child->signal(SIGTERM);
+  if (child && !child->waitForExit(std::chrono::seconds(10))) child->signal(SIGKILL);
+  child.reset();
+}
+
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
   if (pid_ <= 0) return std::nullopt;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -227,14 +208,10 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
 // ---------------------------------------------------------------------------
 
 std::unique_ptr<BusDaemon> BusDaemon::start() {
-  std::unique_ptr<BusDaemon> daemon(new BusDaemon());
-  char pattern[] = "/tmp/velmora-bus-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return nullptr;
-  daemon->directory_ = pattern;
-  daemon->serviceDirectory_ = daemon->directory_ + "/services";
-  std::filesystem::create_directory(daemon->serviceDirectory_);
-  const std::string configPath = daemon->directory_ + "/bus.conf";
-  std::ofstream(configPath) << busConfig(daemon->directory_, daemon->serviceDirectory_);
+  auto daemon = std::make_unique<BusDaemon>();
+  std::filesystem::create_directory(daemon->directory_.path() / "services");
+  const std::string configPath = daemon->directory_.file("bus.conf");
+  std::ofstream(configPath) << busConfig(daemon->directory());
   // The daemon prints its address on its standard output: our pipe.
   daemon->process_ =
       ChildProcess::start({"/usr/bin/dbus-daemon", "--config-file=" + configPath, "--nofork", "--print-address=1"});
@@ -245,40 +222,25 @@ std::unique_ptr<BusDaemon> BusDaemon::start() {
   return daemon;
 }
 
-BusDaemon::~BusDaemon() {
-  process_.reset();
-  if (!directory_.empty()) {
-    keepFilesForFuzzSeeds(directory_);
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-  }
-}
-
 void BusDaemon::installService(const std::string& name, const std::vector<std::string>& argv) {
-  std::string exec;
-  for (const std::string& a : argv) {
-    if (!exec.empty()) exec += ' ';
-    exec += a;
-  }
-  std::ofstream(serviceDirectory_ + "/" + name + ".service")
-      << "[D-BUS Service]\nName=" << name << "\nExec=" << exec << "\n";
+  std::ofstream file(directory_.file("services/" + name + ".service"));
+  file << "[D-BUS Service]\nName=" << name << "\nExec=";
+  for (std::size_t i = 0; i < argv.size(); ++i) file << (i == 0 ? "" : " ") << argv[i];
+  file << "\n";
 }
 
 // ---------------------------------------------------------------------------
 
 PrivateBus& PrivateBus::instance() {
   if (gBus == nullptr) {
-    auto* bus = new PrivateBus();
-    bus->startDaemon();
-    gBus = bus;
-    gStarted.store(true);
+    gBus = new PrivateBus();
+    gBus->restart();
   }
   return *gBus;
 }
 
-bool PrivateBus::started() { return gStarted.load(); }
-
-void PrivateBus::startDaemon() {
+void PrivateBus::restart() {
+  daemon_.reset();
   daemon_ = BusDaemon::start();
   if (!daemon_) {
     std::fprintf(stderr, "PrivateBus: dbus-daemon did not start\n");
@@ -289,16 +251,7 @@ void PrivateBus::startDaemon() {
   ::unsetenv("DBUS_STARTER_BUS_TYPE");
 }
 
-void PrivateBus::restart() {
-  daemon_.reset();
-  startDaemon();
-}
-
-void PrivateBus::stop() { daemon_.reset(); }
-
 std::string responderPath() { return VELMORA_RESPONDER_PATH; }
-
-const std::string& childSanitizerReportDirectory() { return gChildReports.directory(); }
 
 std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std::vector<std::string>& arguments,
                                              const std::string& busAddress) {
@@ -306,16 +259,10 @@ std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std:
   std::vector<std::string> argv{responderPath(), "--name", name};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   auto child = ChildProcess::start(argv, {"DBUS_SESSION_BUS_ADDRESS=" + address});
-  if (!child) {
-    ADD_FAILURE() << "cannot start " << argv[0];
-    return nullptr;
-  }
-  std::optional<std::string> line = child->readLine(std::chrono::seconds(10));
-  if (!line || line->rfind("ready", 0) != 0) {
-    ADD_FAILURE() << "responder for " << name << " did not get ready (got '" << line.value_or("<nothing>") << "')";
-    return nullptr;
-  }
-  return child;
+  const std::optional<std::string> line = child ? child->readLine(std::chrono::seconds(10)) : std::nullopt;
+  if (line && line->starts_with("ready")) return child;
+  ADD_FAILURE() << "responder for " << name << " did not get ready (got '" << line.value_or("<nothing>") << "')";
+  return nullptr;
 }
 
 std::string uniqueBusName(const std::string& prefix) {
@@ -325,16 +272,13 @@ std::string uniqueBusName(const std::string& prefix) {
 
 std::vector<ResponderArrival> readTimeline(const std::string& path) {
   std::vector<ResponderArrival> arrivals;
-  std::optional<std::string> text = readFile(path);
-  if (!text) return arrivals;
-  std::size_t begin = 0;
+  std::istringstream text(readFile(path).value_or(""));
   // A line still being written has no newline yet: it is left for later.
-  for (std::size_t end = text->find('\n'); end != std::string::npos; end = text->find('\n', begin)) {
-    std::istringstream line(text->substr(begin, end - begin));
-    begin = end + 1;
+  for (std::string line; std::getline(text, line) && !text.eof();) {
+    std::istringstream fields(line);
     long long nanoseconds = 0;
     ResponderArrival arrival;
-    if (!(line >> nanoseconds >> arrival.message >> arrival.bundleIdentifier >> arrival.storeIdentifier)) continue;
+    if (!(fields >> nanoseconds >> arrival.message >> arrival.bundleIdentifier >> arrival.storeIdentifier)) continue;
     arrival.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
     arrivals.push_back(std::move(arrival));
   }
@@ -344,12 +288,10 @@ std::vector<ResponderArrival> readTimeline(const std::string& path) {
 std::vector<PropertyList> readRecordedRequests(const std::string& directory) {
   std::vector<PropertyList> requests;
   for (int n = 1;; ++n) {
-    std::optional<std::string> bytes = readFile(directory + "/request-" + std::to_string(n) + ".bplist");
-    if (!bytes) break;
-    requests.push_back(decodeBinaryPlist(
-        std::span(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size())));
+    const std::string path = directory + "/request-" + std::to_string(n) + ".bplist";
+    if (!std::filesystem::exists(path)) return requests;
+    requests.push_back(readPlistFile(path));
   }
-  return requests;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -9,7 +9,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -92,22 +94,13 @@ class ScratchHomeEnvironment final : public velmora::Environment {
   std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
   std::optional<std::string> homeDirectory() const override { return home_; }
   double absoluteTime() const override { return system_.absoluteTime(); }
-  std::optional<std::string> hostApplicationIdentifier() const override {
-    std::lock_guard lock(mutex_);
-    return application_;
-  }
+  std::optional<std::string> hostApplicationIdentifier() const override { return application_; }
   bool isSandboxed() const override { return false; }
-
-  void setHostApplicationIdentifier(std::optional<std::string> application) {
-    std::lock_guard lock(mutex_);
-    application_ = std::move(application);
-  }
 
  private:
   velmora::SystemEnvironment system_;
   const std::string home_;
-  mutable std::mutex mutex_;
-  std::optional<std::string> application_;  // guarded by mutex_
+  const std::optional<std::string> application_;
 };
 
 // Takes observers and posts without a bus, and never calls an observer: for
@@ -128,10 +121,7 @@ class SilentSystemNotificationCenter final : public velmora::SystemNotificationC
 inline bool loggedOnDefaultChannel(const velmora::CapturingLogSink& sink, velmora::LogLevel level,
                                    std::string_view message) {
   const velmora::CapturedLogLine wanted{"com.vantrel.velmora", "Default", level, std::string(message)};
-  for (const velmora::CapturedLogLine& line : sink.lines()) {
-    if (line == wanted) return true;
-  }
-  return false;
+  return std::ranges::count(sink.lines(), wanted) > 0;
 }
 
 // Installs process-wide services and, on destruction, puts back the ones
@@ -169,10 +159,7 @@ class ScopedServices {
 
   // Puts back every service replaced so far, the last first. Idempotent.
   void restore() {
-    while (!restores_.empty()) {
-      restores_.back()();
-      restores_.pop_back();
-    }
+    for (; !restores_.empty(); restores_.pop_back()) restores_.back()();
   }
 
  private:
@@ -184,9 +171,7 @@ class ScopedServices {
 inline std::optional<std::string> readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return std::nullopt;
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Writes value to path as a binary property list, making the directories
