@@ -34,22 +34,6 @@ constexpr const char* kSuperuser = "velmora";
 // Whether a child's wait status (nullopt: still running) is a clean exit.
 bool exitedCleanly(std::optional<int> status) { return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0; }
 
-// Runs one statement on conninfo; false with *error set on failure.
-bool runStatement(const std::string& conninfo, const std::string& sql, std::string* error) {
-  PGconn* conn = PQconnectdb(conninfo.c_str());
-  bool ok = false;
-  if (PQstatus(conn) == CONNECTION_OK) {
-    PGresult* result = PQexec(conn, sql.c_str());
-    ok = PQresultStatus(result) == PGRES_COMMAND_OK;
-    if (!ok) *error = PQresultErrorMessage(result);
-    PQclear(result);
-  } else {
-    *error = PQerrorMessage(conn);
-  }
-  PQfinish(conn);
-  return ok;
-}
-
 // Removes the directories of clusters whose test died without cleaning up
 // (the parent-death signal stopped their server): older than an hour, with
 // no server's pid file left. A live cluster always has one.
@@ -84,45 +68,35 @@ std::optional<std::string> PostgresCluster::binDirectory() {
 }
 
 std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
-  std::optional<std::string> bin = binDirectory();
-  if (!bin) {
-    *error = "no PostgreSQL server binaries";
+  auto fail = [error](std::string why) -> std::unique_ptr<PostgresCluster> {
+    *error = std::move(why);
     return nullptr;
-  }
+  };
+  std::optional<std::string> bin = binDirectory();
+  if (!bin) return fail("no PostgreSQL server binaries");
   removeAbandonedClusters();
   std::unique_ptr<PostgresCluster> cluster(new PostgresCluster());
   cluster->binDirectory_ = *bin;
   // Under /tmp: the system user must reach it, and the socket path must stay short.
-  std::string pattern = "/tmp/velmora-pg-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    *error = std::string("mkdtemp: ") + std::strerror(errno);
-    return nullptr;
-  }
-  cluster->directory_ = pattern;
+  cluster->directory_ = "/tmp/velmora-pg-XXXXXX";
+  if (mkdtemp(cluster->directory_.data()) == nullptr) return fail(std::string("mkdtemp: ") + std::strerror(errno));
   if (geteuid() == 0) {
     const passwd* user = getpwnam("postgres");
     if (user == nullptr) user = getpwnam("nobody");
-    if (user == nullptr) {
-      *error = "running as root, and there is no postgres or nobody user to run the server as";
-      return nullptr;
+    if (user == nullptr || chown(cluster->directory_.c_str(), user->pw_uid, user->pw_gid) != 0) {
+      return fail("running as root, and cannot give the cluster to a postgres or nobody user");
     }
     cluster->dropPrivileges_ = true;
     cluster->runUid_ = user->pw_uid;
     cluster->runGid_ = user->pw_gid;
-    if (chown(pattern.c_str(), user->pw_uid, user->pw_gid) != 0) {
-      *error = std::string("chown: ") + std::strerror(errno);
-      return nullptr;
-    }
   }
-  chmod(pattern.c_str(), 0755);  // the socket's directory: root and the test user connect
+  chmod(cluster->directory_.c_str(), 0755);  // the socket's directory: root and the test user connect
   auto initdb = cluster->spawn({cluster->binDirectory_ + "/initdb", "-D", cluster->directory_ + "/data", "-U",
                                 kSuperuser, "--auth=trust", "-E", "UTF8", "--locale=C", "--no-sync"});
   if (!initdb || !exitedCleanly(initdb->waitForExit(std::chrono::minutes(2)))) {
-    *error = "initdb failed:\n" + cluster->logTail();
-    return nullptr;
+    return fail("initdb failed:\n" + cluster->logTail());
   }
-  if (!cluster->launch(error)) return nullptr;
-  return cluster;
+  return cluster->launch(error) ? std::move(cluster) : nullptr;
 }
 
 PostgresCluster* PostgresCluster::shared(std::string* error) {
@@ -189,10 +163,11 @@ std::string PostgresCluster::conninfo(const std::string& database) const {
 
 std::string PostgresCluster::createDatabase(std::string* error) {
   const std::string name = "test_" + std::to_string(getpid()) + "_" + std::to_string(++databases_);
-  if (!runStatement(conninfo(), "CREATE DATABASE " + name + " ENCODING 'UTF8' TEMPLATE template0", error)) {
-    return {};
-  }
-  return conninfo(name);
+  auto tool = ChildProcess::start({binDirectory_ + "/createdb", "-h", directory_, "-p", std::to_string(kPort), "-U",
+                                   kSuperuser, "-E", "UTF8", "-T", "template0", name});
+  if (tool && exitedCleanly(tool->waitForExit(std::chrono::seconds(30)))) return conninfo(name);
+  *error = "createdb " + name + " failed (its message is on standard error)";
+  return {};
 }
 
 bool PostgresCluster::pause(std::string* error) {

@@ -44,55 +44,30 @@ constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(th
 constexpr bool kSanitized = false;
 #endif
 
-// Stops the bus after the last test of the run, then looks for the
-// children's sanitizer reports. In a sanitizer build those (responders, the
-// velmorad the bus starts, test processes run as children) go to files in a
-// directory of this process's own: nobody reads a child's standard error,
-// and the bus daemon, not the test, sees velmorad's exit status. The
-// directory is made, and the option variables the children inherit are set,
-// before main() runs, so before any thread or child exists; this process's
-// own runtime read its options earlier and keeps reporting on stderr. The
-// directory sits in VELMORA_SANITIZER_LOG_DIR when set (the test scripts
-// look there again after the run, for reports written after a test ended),
-// else in the temporary directory.
+// In a sanitizer build run by scripts/test (which names a directory in
+// VELMORA_SANITIZER_LOG_DIR), the children's sanitizer reports (responders,
+// the velmorad the bus starts, test processes run as children) go to files
+// there, and the script fails the run on any of them: nobody reads a child's
+// standard error, and the bus daemon, not the test, sees velmorad's exit
+// status. Set before main() runs, so before any thread or child exists; this
+// process's own runtime read its options earlier and reports on stderr.
+[[maybe_unused]] const bool kChildReportsToFiles = [] {
+  const char* logs = std::getenv("VELMORA_SANITIZER_LOG_DIR");
+  if (!kSanitized || logs == nullptr || *logs == '\0') return false;
+  for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+    const char* old = std::getenv(name);
+    const std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
+    ::setenv(name, (value + "log_path=" + logs + "/report").c_str(), 1);
+  }
+  return true;
+}();
+
+// Stops the bus after the last test of the run.
 class PrivateBusEnvironment final : public ::testing::Environment {
  public:
-  PrivateBusEnvironment() {
-    if (!kSanitized) return;
-    const char* parent = std::getenv("VELMORA_SANITIZER_LOG_DIR");
-    keep_ = parent != nullptr && *parent != '\0';
-    std::error_code ignored;
-    if (keep_) std::filesystem::create_directories(parent, ignored);
-    directory_ = (keep_ ? std::string(parent) : std::filesystem::temp_directory_path().string()) +
-                 "/velmora-children-XXXXXX";
-    if (::mkdtemp(directory_.data()) == nullptr) directory_.clear();
-    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-      if (directory_.empty()) break;
-      const char* old = std::getenv(name);
-      std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
-      ::setenv(name, (value + "log_path=" + directory_ + "/report").c_str(), 1);
-    }
-  }
-
-  // Fails the run once for every report written, printing it on stderr;
-  // removes the directory when it is empty and nobody looks again.
   void TearDown() override {
     if (gBus != nullptr) gBus->stop();
-    if (directory_.empty()) return;
-    std::error_code ec;
-    bool any = false;
-    for (const auto& item : std::filesystem::directory_iterator(directory_, ec)) {
-      any = true;
-      const std::string text = readFile(item.path().string()).value_or("");
-      std::fprintf(stderr, "==== sanitizer report of a child process: %s\n%s\n", item.path().c_str(), text.c_str());
-      ADD_FAILURE() << "a child process reported a sanitizer error: " << item.path().string();
-    }
-    if (!any && !keep_) std::filesystem::remove(directory_, ec);
   }
-
- private:
-  std::string directory_;  // main thread only; empty when not sanitized
-  bool keep_ = false;      // main thread only
 };
 
 [[maybe_unused]] ::testing::Environment* const kEnvironment =
@@ -132,12 +107,7 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
   env.push_back(nullptr);
   const pid_t parent = ::getpid();
 
-  pid_t pid = ::fork();
-  if (pid < 0) {
-    ::close(out[0]);
-    ::close(out[1]);
-    return nullptr;
-  }
+  const pid_t pid = ::fork();
   if (pid == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(126);  // the parent is already gone
@@ -146,7 +116,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
     ::_exit(127);
   }
   ::close(out[1]);
-  return std::unique_ptr<ChildProcess>(new ChildProcess(pid, out[0]));
+  if (pid < 0) ::close(out[0]);
+  return pid < 0 ? nullptr : std::unique_ptr<ChildProcess>(new ChildProcess(pid, out[0]));
 }
 
 ChildProcess::~ChildProcess() {
@@ -160,23 +131,16 @@ ChildProcess::~ChildProcess() {
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    auto newline = buffered_.find('\n');
-    if (newline != std::string::npos) {
-      std::string line = buffered_.substr(0, newline);
-      buffered_.erase(0, newline + 1);
-      return line;
-    }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
+  // A byte at a time, so that nothing past the line is taken from the pipe.
+  for (std::string line;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd pfd{stdoutFd_, POLLIN, 0};
-    int r = ::poll(&pfd, 1, static_cast<int>(left.count()));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return std::nullopt;
-    char chunk[512];
-    ssize_t n = ::read(stdoutFd_, chunk, sizeof chunk);
-    if (n <= 0) return std::nullopt;
-    buffered_.append(chunk, static_cast<std::size_t>(n));
+    const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
+    char c = 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0 || ::read(stdoutFd_, &c, 1) != 1) return std::nullopt;
+    if (c == '\n') return line;
+    line += c;
   }
 }
 
@@ -191,18 +155,10 @@ void ChildProcess::stop(std::unique_ptr<ChildProcess>& child) {
 }
 
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return std::nullopt;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    pid_t r = ::waitpid(pid_, &status, WNOHANG);
-    if (r == pid_) {
-      pid_ = -1;
-      return status;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  int status = 0;
+  if (pid_ <= 0 || !waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) return std::nullopt;
+  pid_ = -1;
+  return status;
 }
 
 // ---------------------------------------------------------------------------
@@ -215,11 +171,8 @@ std::unique_ptr<BusDaemon> BusDaemon::start() {
   // The daemon prints its address on its standard output: our pipe.
   daemon->process_ =
       ChildProcess::start({"/usr/bin/dbus-daemon", "--config-file=" + configPath, "--nofork", "--print-address=1"});
-  std::optional<std::string> address =
-      daemon->process_ ? daemon->process_->readLine(std::chrono::seconds(10)) : std::nullopt;
-  if (!address || address->empty()) return nullptr;
-  daemon->address_ = *address;
-  return daemon;
+  daemon->address_ = daemon->process_ ? daemon->process_->readLine(std::chrono::seconds(10)).value_or("") : "";
+  return daemon->address_.empty() ? nullptr : std::move(daemon);
 }
 
 void BusDaemon::installService(const std::string& name, const std::vector<std::string>& argv) {

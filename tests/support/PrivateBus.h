@@ -62,7 +62,6 @@ class ChildProcess {
 
   pid_t pid_;                // the child; -1 once reaped
   int stdoutFd_;             // read end of the child's stdout, owned
-  std::string buffered_;     // bytes read past the last line returned
 };
 
 // One dbus-daemon with a generated session-like configuration (a socket and

@@ -66,11 +66,10 @@ class SyncServer {
     argv.insert(argv.end(), storage_.begin(), storage_.end());
     argv.insert(argv.end(), extra_.begin(), extra_.end());
     process_ = ChildProcess::start(argv);
-    const std::optional<std::string> line = process_ ? process_->readLine(std::chrono::seconds(15)) : std::nullopt;
+    const std::string line = process_ ? process_->readLine(std::chrono::seconds(15)).value_or("") : "";
     const std::string prefix = "listening on 127.0.0.1:";
-    if (!line || line->rfind(prefix, 0) != 0) return false;
-    port_ = std::stoi(line->substr(prefix.size()));
-    return true;
+    if (line.starts_with(prefix)) port_ = std::stoi(line.substr(prefix.size()));
+    return line.starts_with(prefix);
   }
   // Stops it (SIGTERM, then SIGKILL after 10 s). Idempotent.
   void stop() { ChildProcess::stop(process_); }
@@ -195,19 +194,15 @@ class SyncDevice {
 
 // While it lives, this process's libzkv is an application on device: its
 // home, its bus for requests and change notifications.
-class LibraryOn {
+class LibraryOn : ScopedServices {
  public:
   explicit LibraryOn(const SyncDevice& device) {
-    services_.install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(device.home()));
-    velmora::DbusIpcOptions options;
-    options.busAddress = device.busAddress();
-    services_.install(velmora::setIpcService, std::make_shared<velmora::DbusIpcService>(options));
-    services_.install(velmora::setSystemNotificationCenter,
-                      std::make_shared<velmora::DbusSystemNotificationCenter>(device.busAddress()));
+    install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(device.home()));
+    install(velmora::setIpcService,
+            std::make_shared<velmora::DbusIpcService>(velmora::DbusIpcOptions{.busAddress = device.busAddress()}));
+    install(velmora::setSystemNotificationCenter,
+            std::make_shared<velmora::DbusSystemNotificationCenter>(device.busAddress()));
   }
-
- private:
-  ScopedServices services_;
 };
 
 }  // namespace velmora::testing

@@ -21,14 +21,11 @@ def open_settings(spec):
 
 
 def main(mode, spec, rounds=0):
-    settings = open_settings(spec)
-    loop = GLib.MainLoop()
+    settings, loop, seen = open_settings(spec), GLib.MainLoop(), []
     if mode == "watch":
         for name in settings.props.settings_schema.list_keys():
             settings.connect("changed::" + name, lambda s, key: print(key, s.get_value(key).print_(True), flush=True))
     elif mode == "poll":
-        seen = []
-
         def look(*_):
             keys = (settings.get_int("t1"), settings.get_string("t2"), settings.get_int64("t3"))
             if not seen or seen[-1] != keys:
@@ -41,8 +38,7 @@ def main(mode, spec, rounds=0):
         settings.connect("changed", look)
         GLib.timeout_add(2, look)
     elif mode == "tree":
-        heard = []
-        settings.connect("changed::t1", lambda *_: heard.append(1))
+        settings.connect("changed::t1", lambda *_: seen.append(1))
         delayed = open_settings(spec)
         delayed.delay()
 
@@ -60,8 +56,7 @@ def main(mode, spec, rounds=0):
 
         GLib.timeout_add(10, write)
         loop.run()
-        print(len(heard), flush=True)
-        return
+        return print(len(seen), flush=True)
     print("ready", flush=True)
     loop.run()
 
