@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <map>
 #include <numeric>
 #include <chrono>
 #include <cstring>
@@ -41,10 +42,12 @@ void removeAbandonedClusters() {
   std::error_code ignored;
   const auto cutoff = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
   for (const auto& entry : std::filesystem::directory_iterator("/tmp", ignored)) {
-    if (entry.path().filename().string().rfind("velmora-pg-", 0) != 0) continue;
-    if (std::filesystem::last_write_time(entry.path(), ignored) > cutoff) continue;
-    if (std::filesystem::exists(entry.path() / "data" / "postmaster.pid", ignored)) continue;
-    std::filesystem::remove_all(entry.path(), ignored);
+    const std::filesystem::path& path = entry.path();
+    const bool ours = path.filename().string().starts_with("velmora-pg-");
+    if (ours && std::filesystem::last_write_time(path, ignored) < cutoff &&
+        !std::filesystem::exists(path / "data" / "postmaster.pid", ignored)) {
+      std::filesystem::remove_all(path, ignored);
+    }
   }
 }
 
@@ -53,18 +56,14 @@ void removeAbandonedClusters() {
 std::optional<std::string> PostgresCluster::binDirectory() {
   if (const char* bin = getenv("VELMORA_PG_BINDIR"); bin != nullptr && *bin != '\0') return std::string(bin);
   std::error_code ignored;
-  std::optional<std::string> best;
-  int bestVersion = -1;
+  std::map<int, std::string> found;  // by version
   for (const auto& entry : std::filesystem::directory_iterator("/usr/lib/postgresql", ignored)) {
-    const int version = std::atoi(entry.path().filename().c_str());
     const std::filesystem::path bin = entry.path() / "bin";
-    if (version > bestVersion && std::filesystem::exists(bin / "initdb", ignored) &&
-        std::filesystem::exists(bin / "postgres", ignored)) {
-      bestVersion = version;
-      best = bin.string();
+    if (std::filesystem::exists(bin / "initdb", ignored) && std::filesystem::exists(bin / "postgres", ignored)) {
+      found[std::atoi(entry.path().filename().c_str())] = bin.string();
     }
   }
-  return best;
+  return found.empty() ? std::nullopt : std::optional(found.rbegin()->second);
 }
 
 std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
@@ -100,13 +99,8 @@ std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
 }
 
 PostgresCluster* PostgresCluster::shared(std::string* error) {
-  static std::string failure;
-  static std::unique_ptr<PostgresCluster> cluster = [] {
-    std::string startError;
-    std::unique_ptr<PostgresCluster> started = start(&startError);
-    if (!started) failure = startError;
-    return started;
-  }();
+  static std::string failure;  // start() sets it only when it fails
+  static const std::unique_ptr<PostgresCluster> cluster = start(&failure);
   if (!cluster) *error = failure;
   return cluster.get();
 }
@@ -130,22 +124,15 @@ bool PostgresCluster::launch(std::string* error) {
   server_ = spawn({binDirectory_ + "/postgres", "-D", directory_ + "/data", "-k", directory_, "-p",
                 std::to_string(kPort), "-c", "listen_addresses=", "-c", "fsync=off", "-c", "synchronous_commit=off",
                 "-c", "full_page_writes=off", "-c", "max_connections=200", "-c", "shared_buffers=16MB"});
-  if (!server_) {
-    *error = std::string("fork: ") + std::strerror(errno);
-    return false;
-  }
   const std::string target = conninfo();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (PQping(target.c_str()) == PQPING_OK) return true;
-    if (server_->waitForExit(std::chrono::milliseconds(0))) {
-      server_.reset();
-      *error = "postgres exited at start:\n" + logTail();
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  *error = "postgres not ready within 30 s:\n" + logTail();
+  bool exited = !server_;  // (or never started)
+  auto ready = [&] {
+    exited = exited || server_->waitForExit(std::chrono::milliseconds(0)).has_value();
+    return exited || PQping(target.c_str()) == PQPING_OK;
+  };
+  if (waitUntil(ready, std::chrono::seconds(30)) && !exited) return true;
+  *error = std::string(exited ? "postgres exited at start:\n" : "postgres not ready within 30 s:\n") + logTail();
+  server_.reset();
   return false;
 }
 

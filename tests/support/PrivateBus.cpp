@@ -133,7 +133,8 @@ std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds time
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   // A byte at a time, so that nothing past the line is taken from the pipe.
   for (std::string line;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    using std::chrono::duration_cast, std::chrono::milliseconds;
+    const auto left = duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd pfd{stdoutFd_, POLLIN, 0};
     const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
     char c = 0;
@@ -229,11 +230,8 @@ std::vector<ResponderArrival> readTimeline(const std::string& path) {
   // A line still being written has no newline yet: it is left for later.
   for (std::string line; std::getline(text, line) && !text.eof();) {
     std::istringstream fields(line);
-    long long nanoseconds = 0;
     ResponderArrival arrival;
-    if (!(fields >> nanoseconds >> arrival.message >> arrival.bundleIdentifier >> arrival.storeIdentifier)) continue;
-    arrival.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
-    arrivals.push_back(std::move(arrival));
+    if (fields >> arrival.message >> arrival.bundleIdentifier) arrivals.push_back(std::move(arrival));
   }
   return arrivals;
 }

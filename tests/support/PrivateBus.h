@@ -129,10 +129,8 @@ std::string uniqueBusName(const std::string& prefix);
 
 // One line of a responder's --timeline file.
 struct ResponderArrival {
-  std::chrono::steady_clock::time_point at;  // when the request arrived (the monotonic clock)
-  std::string message;                       // "-" when it had none
-  std::string bundleIdentifier;              // "-" when it had none
-  std::string storeIdentifier;               // "-" when it had none
+  std::string message;           // "-" when it had none
+  std::string bundleIdentifier;  // "-" when it had none
 };
 
 // The complete lines of a --timeline file, oldest first; empty when it does

@@ -22,6 +22,7 @@
 #include "PrivateBus.h"
 #include "ScratchEnvironment.h"
 #include "velmora/platform/DbusValue.h"
+#include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/PlistCodec.h"
 #include "velmora/platform/SystemNotifications.h"
@@ -135,18 +136,10 @@ class SyncDevice {
     if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
     if (bundle) body.emplace("bundleIdentifier", PropertyList::string(*bundle));
     const std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(PropertyList::dictionary(body));
-    if (!object) return {};
-    sd_bus_message* call = nullptr;
-    sd_bus_message* reply = nullptr;
-    int r = sd_bus_message_new_method_call(client_, &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
-                                           "Request");
-    if (r >= 0) r = velmora::appendIpcObject(call, *object);
-    if (r >= 0) r = sd_bus_call(client_, call, 30'000'000, nullptr, &reply);
-    std::optional<PropertyList> result;
-    if (r >= 0) result = velmora::readDbusDictionary(reply);
-    sd_bus_message_unref(call);
-    sd_bus_message_unref(reply);
-    return result.value_or(PropertyList());
+    velmora::DbusIpcService transport({.busAddress = busAddress(), .callTimeout = std::chrono::seconds(30)});
+    auto connection = transport.connect(kService, velmora::DispatchQueue::createSerial("device-requests"));
+    connection->resume();
+    return object ? connection->sendAndWait(*object).dictionary : PropertyList();
   }
 
   // Logs this daemon into server's account; the reply.
@@ -164,7 +157,8 @@ class SyncDevice {
       changes.emplace(key, value.isNone() ? PropertyList::dictionary({})
                                           : ZKVCreateStorageForPropertyListAndTimestamp(value, timestamp));
     }
-    const PropertyList info = makeDictionary({{"changes", PropertyList::dictionary(changes)}, {"changecount", PropertyList::integer(0)}});
+    const PropertyList info =
+        makeDictionary({{"changes", PropertyList::dictionary(changes)}, {"changecount", PropertyList::integer(0)}});
     return request("synchronize", info, app).find("userinfo") != nullptr;
   }
 

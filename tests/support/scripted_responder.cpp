@@ -4,9 +4,8 @@
 //
 //   velmora_scripted_responder --name NAME [options]
 //     --timeline FILE      append one line per request on arrival, before it
-//     --record FILE        is answered: "<CLOCK_MONOTONIC nanoseconds>
-//                          <message> <bundleIdentifier> <storeIdentifier>"
-//                          ("-" for a missing value)
+//     --record FILE        is answered: "<message> <bundleIdentifier>" ("-"
+//                          for a missing value)
 //     --record-plists DIR  also write each request to DIR/request-<n>.bplist
 //                          (n counts from 1)
 //     --on MESSAGE=BEHAVIOUR   requests whose "message" is MESSAGE get
@@ -150,11 +149,8 @@ int behave(const std::string& name, sd_bus_message* call, const PropertyList& re
 
 void record(const std::string& message, const PropertyList& request) {
   ++gReceived;
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  const std::string line = std::to_string(static_cast<long long>(ts.tv_sec) * 1'000'000'000LL + ts.tv_nsec) + " " +
-                           (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-") +
-                           " " + stringOf(request, "storeIdentifier", "-") + "\n";
+  const std::string line =
+      (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-") + "\n";
   for (const std::string& path : gOptions.timelines) {
     if (!(std::ofstream(path, std::ios::app) << line << std::flush)) die("write " + path, EIO);
   }
@@ -165,27 +161,21 @@ void record(const std::string& message, const PropertyList& request) {
 }
 
 // Answers the request by the script's step for its message, if there is
-// one: returns true then, with the send's result in *result.
-bool runScript(sd_bus_message* call, const std::string& message, long occurrence, int* result) {
-  if (gOptions.script.empty()) return false;
-  const PropertyList script = velmora::readPlistFile(gOptions.script);
+// one, and returns the send's result; nullopt when there is none.
+std::optional<int> runScript(sd_bus_message* call, const std::string& message, long occurrence) {
+  const PropertyList script = gOptions.script.empty() ? PropertyList() : velmora::readPlistFile(gOptions.script);
   const PropertyList* step = script.find(message);
-  if (step == nullptr) return false;
-  if (const velmora::PlistArray* steps = step->getArray()) {
-    if (steps->empty()) return false;
-    step = &(*steps)[std::min(static_cast<std::size_t>(occurrence), steps->size() - 1)];
-  }
-  if (!step->isDictionary()) return false;
+  const velmora::PlistArray* steps = step != nullptr ? step->getArray() : nullptr;
+  if (steps != nullptr && !steps->empty()) step = &(*steps)[std::min<std::size_t>(occurrence, steps->size() - 1)];
+  if (step == nullptr || !step->isDictionary()) return std::nullopt;
   auto truthy = [&](const char* key) { return step->find(key) != nullptr && step->find(key)->booleanValue(); };
   if (truthy("exit")) std::_Exit(0);
-  *result = 0;
-  if (truthy("silent")) return true;
+  if (truthy("silent")) return 0;
   for (const char* key : {"userinfo", "error"}) {
-    if (step->find(key) != nullptr) return *result = replyWith(call, entry(key, step->find(key))), true;
+    if (step->find(key) != nullptr) return replyWith(call, entry(key, step->find(key)));
   }
   const PropertyList* reply = step->find("reply");
-  *result = replyWith(call, reply != nullptr && reply->isDictionary() ? *reply : PropertyList::dictionary({}));
-  return true;
+  return replyWith(call, reply != nullptr && reply->isDictionary() ? *reply : PropertyList::dictionary({}));
 }
 
 int onRequest(sd_bus_message* call, void*, sd_bus_error*) {
@@ -193,13 +183,10 @@ int onRequest(sd_bus_message* call, void*, sd_bus_error*) {
   PropertyList request = velmora::readDbusDictionary(call).value_or(PropertyList());
   std::string message = stringOf(request, "message", "");
   record(message, request);
-  std::string name = "script";
-  int r = 0;
-  if (!runScript(call, message, gSeen[message]++, &r)) {
-    name = gOptions.defaultBehaviour.empty() ? message : gOptions.defaultBehaviour;
-    if (auto mapped = gOptions.on.find(message); mapped != gOptions.on.end()) name = mapped->second;
-    r = behave(name, call, request);
-  }
+  std::string name = gOptions.defaultBehaviour.empty() ? message : gOptions.defaultBehaviour;
+  if (auto mapped = gOptions.on.find(message); mapped != gOptions.on.end()) name = mapped->second;
+  const std::optional<int> scripted = runScript(call, message, gSeen[message]++);
+  const int r = scripted ? *scripted : behave(name, call, request);
   if (r < 0) std::fprintf(stderr, "velmora_scripted_responder: %s failed: %s\n", name.c_str(), std::strerror(-r));
   return 1;
 }
@@ -227,12 +214,8 @@ void parse(int argc, char** argv) {
 int main(int argc, char** argv) {
   parse(argc, argv);
   // An activated responder is told its bus by the starter variable.
-  const char* address = std::getenv("DBUS_STARTER_ADDRESS");
-  if (address == nullptr) address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  int r = sd_bus_new(&gBus);
-  if (r >= 0) r = sd_bus_set_address(gBus, address != nullptr ? address : "");
-  if (r >= 0) r = sd_bus_set_bus_client(gBus, 1);
-  if (r >= 0) r = sd_bus_start(gBus);
+  if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS")) ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
+  int r = sd_bus_open_user(&gBus);
   if (r < 0) die("open the bus", r);
   for (const auto& [name, count] : gOptions.posts) {
     for (long i = 0; i < count; ++i) {
