@@ -35,22 +35,6 @@ constexpr const char* kSuperuser = "velmora";
 // Whether a child's wait status (nullopt: still running) is a clean exit.
 bool exitedCleanly(std::optional<int> status) { return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0; }
 
-// Removes the directories of clusters whose test died without cleaning up
-// (the parent-death signal stopped their server): older than an hour, with
-// no server's pid file left. A live cluster always has one.
-void removeAbandonedClusters() {
-  std::error_code ignored;
-  const auto cutoff = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
-  for (const auto& entry : std::filesystem::directory_iterator("/tmp", ignored)) {
-    const std::filesystem::path& path = entry.path();
-    const bool ours = path.filename().string().starts_with("velmora-pg-");
-    if (ours && std::filesystem::last_write_time(path, ignored) < cutoff &&
-        !std::filesystem::exists(path / "data" / "postmaster.pid", ignored)) {
-      std::filesystem::remove_all(path, ignored);
-    }
-  }
-}
-
 }  // namespace
 
 std::optional<std::string> PostgresCluster::binDirectory() {
@@ -73,7 +57,6 @@ std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
   };
   std::optional<std::string> bin = binDirectory();
   if (!bin) return fail("no PostgreSQL server binaries");
-  removeAbandonedClusters();
   std::unique_ptr<PostgresCluster> cluster(new PostgresCluster());
   cluster->binDirectory_ = *bin;
   // Under /tmp: the system user must reach it, and the socket path must stay short.

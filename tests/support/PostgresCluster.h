@@ -13,8 +13,7 @@
 // - Lifetime. postgres runs in the foreground as a child of the thread that
 //   started it, with a parent-death signal (SIGQUIT, immediate shutdown), so
 //   no cluster outlives a crashed test; start it from the test's main
-//   thread. The destructor stops it and removes the directory; a directory
-//   left by a test that died is removed by a later start() after an hour.
+//   thread. The destructor stops it and removes the directory.
 // - Cost. initdb and start take about half a second; a fresh database for
 //   each test (createDatabase) takes a few tens of milliseconds. ctest runs
 //   each test in its own process, so share() starts one cluster per process.

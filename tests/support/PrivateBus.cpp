@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string_view>
 #include <thread>
@@ -92,18 +93,13 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  // extraEnvironment replaces inherited variables of the same name.
-  std::vector<std::string> envStrings = extraEnvironment;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string_view entry(*e);
-    if (std::ranges::none_of(extraEnvironment, [&](const std::string& extra) {
-          return entry.starts_with(std::string_view(extra).substr(0, extra.find('=') + 1));
-        })) {
-      envStrings.emplace_back(entry);
-    }
-  }
+  // "NAME=" -> "NAME=value": extraEnvironment replaces inherited variables of the same name.
+  std::map<std::string, std::string> byName;
+  auto nameOf = [](std::string_view entry) { return std::string(entry.substr(0, entry.find('=') + 1)); };
+  for (char** e = environ; *e != nullptr; ++e) byName.emplace(nameOf(*e), *e);
+  for (const std::string& e : extraEnvironment) byName.insert_or_assign(nameOf(e), e);
   std::vector<char*> env;
-  for (const std::string& e : envStrings) env.push_back(const_cast<char*>(e.c_str()));
+  for (auto& [name, entry] : byName) env.push_back(entry.data());
   env.push_back(nullptr);
   const pid_t parent = ::getpid();
 

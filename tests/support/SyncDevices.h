@@ -172,12 +172,10 @@ class SyncDevice {
 
  private:
   bool daemonOwnsName() {
-    sd_bus_message* reply = nullptr;
-    int has = 0;
-    if (sd_bus_call_method(client_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                           "NameHasOwner", nullptr, &reply, "s", kService) >= 0) sd_bus_message_read(reply, "b", &has);
-    sd_bus_message_unref(reply);
-    return has != 0;
+    sd_bus_creds* creds = nullptr;  // with an empty mask, only whether the name has an owner is asked
+    const bool owned = sd_bus_get_name_creds(client_, kService, 0, &creds) >= 0;
+    sd_bus_creds_unref(creds);
+    return owned;
   }
 
   ScratchDirectory home_;

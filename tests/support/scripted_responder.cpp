@@ -60,14 +60,11 @@ namespace {
 
 using velmora::PropertyList;
 
-struct Options {
-  std::string name, script, recordPlists, defaultBehaviour;
-  std::vector<std::string> timelines;
-  std::map<std::string, std::string> on;
-  std::vector<std::pair<std::string, long>> posts;
-};
-
-Options gOptions;
+// The options, set by parse().
+std::string gName, gScript, gRecordPlists, gDefaultBehaviour;
+std::vector<std::string> gTimelines;
+std::map<std::string, std::string> gOn;
+std::vector<std::pair<std::string, long>> gPosts;
 sd_bus* gBus = nullptr;
 long gReceived = 0;
 std::map<std::string, long> gSeen;  // requests so far, by "message"
@@ -151,11 +148,11 @@ void record(const std::string& message, const PropertyList& request) {
   ++gReceived;
   const std::string line =
       (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-") + "\n";
-  for (const std::string& path : gOptions.timelines) {
+  for (const std::string& path : gTimelines) {
     if (!(std::ofstream(path, std::ios::app) << line << std::flush)) die("write " + path, EIO);
   }
-  if (!gOptions.recordPlists.empty()) {
-    velmora::testing::writePlistFile(gOptions.recordPlists + "/request-" + std::to_string(gReceived) + ".bplist",
+  if (!gRecordPlists.empty()) {
+    velmora::testing::writePlistFile(gRecordPlists + "/request-" + std::to_string(gReceived) + ".bplist",
                                      request);
   }
 }
@@ -163,7 +160,7 @@ void record(const std::string& message, const PropertyList& request) {
 // Answers the request by the script's step for its message, if there is
 // one, and returns the send's result; nullopt when there is none.
 std::optional<int> runScript(sd_bus_message* call, const std::string& message, long occurrence) {
-  const PropertyList script = gOptions.script.empty() ? PropertyList() : velmora::readPlistFile(gOptions.script);
+  const PropertyList script = gScript.empty() ? PropertyList() : velmora::readPlistFile(gScript);
   const PropertyList* step = script.find(message);
   const velmora::PlistArray* steps = step != nullptr ? step->getArray() : nullptr;
   if (steps != nullptr && !steps->empty()) step = &(*steps)[std::min<std::size_t>(occurrence, steps->size() - 1)];
@@ -183,8 +180,8 @@ int onRequest(sd_bus_message* call, void*, sd_bus_error*) {
   PropertyList request = velmora::readDbusDictionary(call).value_or(PropertyList());
   std::string message = stringOf(request, "message", "");
   record(message, request);
-  std::string name = gOptions.defaultBehaviour.empty() ? message : gOptions.defaultBehaviour;
-  if (auto mapped = gOptions.on.find(message); mapped != gOptions.on.end()) name = mapped->second;
+  std::string name = gDefaultBehaviour.empty() ? message : gDefaultBehaviour;
+  if (auto mapped = gOn.find(message); mapped != gOn.end()) name = mapped->second;
   const std::optional<int> scripted = runScript(call, message, gSeen[message]++);
   const int r = scripted ? *scripted : behave(name, call, request);
   if (r < 0) std::fprintf(stderr, "velmora_scripted_responder: %s failed: %s\n", name.c_str(), std::strerror(-r));
@@ -197,14 +194,14 @@ void parse(int argc, char** argv) {
     if (i + 1 >= argc) die("missing value for " + arg, EINVAL);
     const std::string value = argv[++i];
     const auto split = arg == "--on" ? value.find('=') : value.rfind(':');
-    if (arg == "--name") gOptions.name = value;
-    else if (arg == "--timeline" || arg == "--record") gOptions.timelines.push_back(value);
-    else if (arg == "--record-plists") gOptions.recordPlists = value;
-    else if (arg == "--default") gOptions.defaultBehaviour = value;
-    else if (arg == "--script") gOptions.script = value;
-    else if (arg == "--post" && split == std::string::npos) gOptions.posts.emplace_back(value, 1);
-    else if (arg == "--post") gOptions.posts.emplace_back(value.substr(0, split), std::stol(value.substr(split + 1)));
-    else if (arg == "--on" && split != std::string::npos) gOptions.on[value.substr(0, split)] = value.substr(split + 1);
+    if (arg == "--name") gName = value;
+    else if (arg == "--timeline" || arg == "--record") gTimelines.push_back(value);
+    else if (arg == "--record-plists") gRecordPlists = value;
+    else if (arg == "--default") gDefaultBehaviour = value;
+    else if (arg == "--script") gScript = value;
+    else if (arg == "--post" && split == std::string::npos) gPosts.emplace_back(value, 1);
+    else if (arg == "--post") gPosts.emplace_back(value.substr(0, split), std::stol(value.substr(split + 1)));
+    else if (arg == "--on" && split != std::string::npos) gOn[value.substr(0, split)] = value.substr(split + 1);
     else die("bad argument " + arg + " " + value, EINVAL);
   }
 }
@@ -217,18 +214,18 @@ int main(int argc, char** argv) {
   if (const char* starter = std::getenv("DBUS_STARTER_ADDRESS")) ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
   int r = sd_bus_open_user(&gBus);
   if (r < 0) die("open the bus", r);
-  for (const auto& [name, count] : gOptions.posts) {
+  for (const auto& [name, count] : gPosts) {
     for (long i = 0; i < count; ++i) {
       r = sd_bus_emit_signal(gBus, "/com/vantrel/Notify", "com.vantrel.Notify", "Posted", "s", name.c_str());
       if (r < 0) die("emit Posted", r);
     }
   }
-  if (!gOptions.posts.empty()) return sd_bus_flush_close_unref(gBus), 0;
+  if (!gPosts.empty()) return sd_bus_flush_close_unref(gBus), 0;
   sd_event* event = nullptr;
   if ((r = sd_event_default(&event)) < 0 || (r = sd_bus_attach_event(gBus, event, 0)) < 0) die("sd-event", r);
   sd_bus_set_exit_on_disconnect(gBus, 1);  // how an activated responder ends
   if ((r = sd_bus_add_object(gBus, nullptr, "/com/vantrel/velmorad", onRequest, nullptr)) < 0) die("add object", r);
-  if ((r = sd_bus_request_name(gBus, gOptions.name.c_str(), 0)) < 0) die("own the name", r);
+  if ((r = sd_bus_request_name(gBus, gName.c_str(), 0)) < 0) die("own the name", r);
   const char* unique = nullptr;
   sd_bus_get_unique_name(gBus, &unique);
   std::printf("ready %s\n", unique != nullptr ? unique : "");
