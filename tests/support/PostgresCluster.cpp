@@ -152,12 +152,8 @@ bool PostgresCluster::pause(std::string* error) {
 bool PostgresCluster::resume(std::string* error) { return server_ || launch(error); }
 
 std::string PostgresCluster::logTail() const {
-  std::ifstream in(directory_ + "/postgres.log");
-  std::deque<std::string> lines;
-  for (std::string line; std::getline(in, line); lines.push_back(line + "\n")) {
-    if (lines.size() == 20) lines.pop_front();
-  }
-  return std::accumulate(lines.begin(), lines.end(), std::string());
+  const std::string log = readFile(directory_ + "/postgres.log").value_or("");
+  return log.substr(log.size() > 4096 ? log.size() - 4096 : 0);
 }
 
 }  // namespace velmora::testing

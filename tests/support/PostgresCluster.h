@@ -78,7 +78,7 @@ class PostgresCluster {
   PostgresCluster() = default;
   std::unique_ptr<ChildProcess> spawn(const std::vector<std::string>& argv) const;
   bool launch(std::string* error);
-  std::string logTail() const;
+  std::string logTail() const;  // the last 4 KiB of the log
 
   std::string binDirectory_;  // where initdb and postgres are
   std::string directory_;     // the scratch directory, removed on destruction

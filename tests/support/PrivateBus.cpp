@@ -141,10 +141,6 @@ std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds time
   }
 }
 
-void ChildProcess::signal(int sig) {
-  if (pid_ > 0) ::kill(pid_, sig);
-}
-
 void ChildProcess::stop(std::unique_ptr<ChildProcess>& child) {
   if (child) child->signal(SIGTERM);
   if (child && !child->waitForExit(std::chrono::seconds(10))) child->signal(SIGKILL);
@@ -182,10 +178,7 @@ void BusDaemon::installService(const std::string& name, const std::vector<std::s
 // ---------------------------------------------------------------------------
 
 PrivateBus& PrivateBus::instance() {
-  if (gBus == nullptr) {
-    gBus = new PrivateBus();
-    gBus->restart();
-  }
+  if (gBus == nullptr) (gBus = new PrivateBus())->restart();
   return *gBus;
 }
 

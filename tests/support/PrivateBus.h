@@ -14,6 +14,7 @@
 //   is thread-safe only as far as each method says.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -47,7 +48,7 @@ class ChildProcess {
   std::optional<std::string> readLine(std::chrono::milliseconds timeout);
 
   // Sends sig to the child (if not yet reaped).
-  void signal(int sig);
+  void signal(int sig) { if (pid_ > 0) ::kill(pid_, sig); }
 
   // Stops child, when there is one, with SIGTERM (SIGKILL after 10 s) and
   // resets it. Blocks until it is gone.

@@ -108,9 +108,7 @@ class ScratchHomeEnvironment final : public velmora::Environment {
 class SilentSystemNotificationCenter final : public velmora::SystemNotificationCenter {
  public:
   velmora::SystemObserverToken addObserver(std::string, std::shared_ptr<velmora::DispatchQueue>,
-                                           std::function<void()>, const void*) override {
-    return 1;
-  }
+                                           std::function<void()>, const void*) override { return 1; }
   void removeObserver(velmora::SystemObserverToken) override {}
   void removeObservers(const void*) override {}
   bool post(std::string_view) override { return true; }
@@ -184,10 +182,9 @@ inline bool writePlistFile(const std::string& path, const velmora::PropertyList&
   std::error_code ignored;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   const std::string temporary = path + ".tmp" + std::to_string(::getpid());
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
-    if (!out) return false;
+  std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+  if (!out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size())).flush()) {
+    return false;
   }
   return std::rename(temporary.c_str(), path.c_str()) == 0;
 }

@@ -28,12 +28,10 @@ def main(mode, spec, rounds=0):
     elif mode == "poll":
         def look(*_):
             keys = (settings.get_int("t1"), settings.get_string("t2"), settings.get_int64("t3"))
-            if not seen or seen[-1] != keys:
+            if seen[-1:] != [keys]:
                 seen.append(keys)
                 print("%d,%s,%d" % keys, flush=True)
-            if keys[0] == rounds:
-                loop.quit()
-            return True
+            return keys[0] != rounds or loop.quit()
 
         settings.connect("changed", look)
         GLib.timeout_add(2, look)
@@ -48,11 +46,10 @@ def main(mode, spec, rounds=0):
             delayed.set_string("t2", str(count[0]))
             delayed.set_int64("t3", count[0])
             delayed.apply()
-            if count[0] < rounds:
-                return True
-            Gio.Settings.sync()
-            GLib.timeout_add(300, loop.quit)  # time for a second signal, if one came
-            return False
+            if count[0] == rounds:
+                Gio.Settings.sync()
+                GLib.timeout_add(300, loop.quit)  # time for a second signal, if one came
+            return count[0] < rounds
 
         GLib.timeout_add(10, write)
         loop.run()

@@ -145,16 +145,10 @@ int behave(const std::string& name, sd_bus_message* call, const PropertyList& re
 }
 
 void record(const std::string& message, const PropertyList& request) {
-  ++gReceived;
-  const std::string line =
-      (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-") + "\n";
-  for (const std::string& path : gTimelines) {
-    if (!(std::ofstream(path, std::ios::app) << line << std::flush)) die("write " + path, EIO);
-  }
-  if (!gRecordPlists.empty()) {
-    velmora::testing::writePlistFile(gRecordPlists + "/request-" + std::to_string(gReceived) + ".bplist",
-                                     request);
-  }
+  const std::string line = (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-");
+  for (const std::string& path : gTimelines) std::ofstream(path, std::ios::app) << line + "\n";
+  const std::string plist = gRecordPlists + "/request-" + std::to_string(++gReceived) + ".bplist";
+  if (!gRecordPlists.empty()) velmora::testing::writePlistFile(plist, request);
 }
 
 // Answers the request by the script's step for its message, if there is
