@@ -1,30 +1,23 @@
 // PostgresCluster (see PostgresCluster.h for the design note).
 #include "PostgresCluster.h"
 
-#include "PrivateBus.h"
-
-#include <fcntl.h>
-#include <grp.h>
 #include <libpq-fe.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <deque>
-#include <map>
-#include <numeric>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <map>
 #include <thread>
 #include <vector>
+
+#include "PrivateBus.h"
 
 namespace velmora::testing {
 namespace {

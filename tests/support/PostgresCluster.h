@@ -96,9 +96,7 @@ class PostgresCluster {
 // the cluster or database cannot be made.
 #define VELMORA_REQUIRE_POSTGRES(conninfoVar)                                               \
   do {                                                                                     \
-    if (!::velmora::testing::PostgresCluster::binDirectory()) {                            \
-      GTEST_SKIP() << "no PostgreSQL server binaries (install postgresql)";                \
-    }                                                                                      \
+    if (!::velmora::testing::PostgresCluster::binDirectory()) GTEST_SKIP() << "no PostgreSQL (install postgresql)"; \
     std::string velmoraPgError_;                                                           \
     auto* velmoraPgCluster_ = ::velmora::testing::PostgresCluster::shared(&velmoraPgError_); \
     conninfoVar = velmoraPgCluster_ ? velmoraPgCluster_->createDatabase(&velmoraPgError_) : ""; \
