@@ -1,13 +1,10 @@
 // PostgresCluster (see PostgresCluster.h for the design note).
 #include "PostgresCluster.h"
 
-#include <fcntl.h>
-#include <grp.h>
 #include <libpq-fe.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,10 +13,11 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <map>
 #include <thread>
 #include <vector>
+
+#include "PrivateBus.h"
 
 namespace velmora::testing {
 namespace {
@@ -27,180 +25,97 @@ namespace {
 constexpr int kPort = 5432;  // names the socket file only: there is no TCP listener
 constexpr const char* kSuperuser = "velmora";
 
-// Forks and execs argv with stdout and stderr appended to logPath, as
-// uid/gid when drop is set, with SIGQUIT on the parent's death when
-// pdeath is set. The child's pid, or -1.
-pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath, bool drop, uid_t uid, gid_t gid,
-            bool pdeath) {
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  // Child: only async-signal-safe calls from here on.
-  const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (log >= 0) {
-    dup2(log, STDOUT_FILENO);
-    dup2(log, STDERR_FILENO);
-  }
-  const int null = open("/dev/null", O_RDONLY);
-  if (null >= 0) dup2(null, STDIN_FILENO);
-  if (drop && (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0)) _exit(126);
-  // After the change of user, which clears the parent-death signal.
-  if (pdeath && (prctl(PR_SET_PDEATHSIG, SIGQUIT) != 0 || getppid() != parent)) _exit(125);
-  execv(args[0], args.data());
-  _exit(127);
-}
-
-// Waits for pid; true when it exited with status 0.
-bool waitSuccess(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-// Runs one statement on conninfo; false with *error set on failure.
-bool runStatement(const std::string& conninfo, const std::string& sql, std::string* error) {
-  PGconn* conn = PQconnectdb(conninfo.c_str());
-  bool ok = false;
-  if (PQstatus(conn) == CONNECTION_OK) {
-    PGresult* result = PQexec(conn, sql.c_str());
-    ok = PQresultStatus(result) == PGRES_COMMAND_OK;
-    if (!ok) *error = PQresultErrorMessage(result);
-    PQclear(result);
-  } else {
-    *error = PQerrorMessage(conn);
-  }
-  PQfinish(conn);
-  return ok;
-}
-
-// Removes the directories of clusters whose test died without cleaning up
-// (the parent-death signal stopped their server): older than an hour, with
-// no server's pid file left. A live cluster always has one.
-void removeAbandonedClusters() {
-  std::error_code ignored;
-  const auto cutoff = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
-  for (const auto& entry : std::filesystem::directory_iterator("/tmp", ignored)) {
-    if (entry.path().filename().string().rfind("velmora-pg-", 0) != 0) continue;
-    if (std::filesystem::last_write_time(entry.path(), ignored) > cutoff) continue;
-    if (std::filesystem::exists(entry.path() / "data" / "postmaster.pid", ignored)) continue;
-    std::filesystem::remove_all(entry.path(), ignored);
-  }
-}
+// Whether a child's wait status (nullopt: still running) is a clean exit.
+bool exitedCleanly(std::optional<int> status) { return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0; }
 
 }  // namespace
 
 std::optional<std::string> PostgresCluster::binDirectory() {
   if (const char* bin = getenv("VELMORA_PG_BINDIR"); bin != nullptr && *bin != '\0') return std::string(bin);
   std::error_code ignored;
-  std::optional<std::string> best;
-  int bestVersion = -1;
+  std::map<int, std::string> found;  // by version
   for (const auto& entry : std::filesystem::directory_iterator("/usr/lib/postgresql", ignored)) {
-    const std::string version = entry.path().filename().string();
     const std::filesystem::path bin = entry.path() / "bin";
-    if (!std::filesystem::exists(bin / "initdb", ignored) || !std::filesystem::exists(bin / "postgres", ignored)) {
-      continue;
-    }
-    const int number = std::atoi(version.c_str());
-    if (number > bestVersion) {
-      bestVersion = number;
-      best = bin.string();
+    if (std::filesystem::exists(bin / "initdb", ignored) && std::filesystem::exists(bin / "postgres", ignored)) {
+      found[std::atoi(entry.path().filename().c_str())] = bin.string();
     }
   }
-  return best;
+  return found.empty() ? std::nullopt : std::optional(found.rbegin()->second);
 }
 
 std::unique_ptr<PostgresCluster> PostgresCluster::start(std::string* error) {
-  std::optional<std::string> bin = binDirectory();
-  if (!bin) {
-    *error = "no PostgreSQL server binaries";
+  auto fail = [error](std::string why) -> std::unique_ptr<PostgresCluster> {
+    *error = std::move(why);
     return nullptr;
-  }
-  removeAbandonedClusters();
+  };
+  std::optional<std::string> bin = binDirectory();
+  if (!bin) return fail("no PostgreSQL server binaries");
   std::unique_ptr<PostgresCluster> cluster(new PostgresCluster());
   cluster->binDirectory_ = *bin;
   // Under /tmp: the system user must reach it, and the socket path must stay short.
-  std::string pattern = "/tmp/velmora-pg-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    *error = std::string("mkdtemp: ") + std::strerror(errno);
-    return nullptr;
-  }
-  cluster->directory_ = pattern;
+  cluster->directory_ = "/tmp/velmora-pg-XXXXXX";
+  if (mkdtemp(cluster->directory_.data()) == nullptr) return fail(std::string("mkdtemp: ") + std::strerror(errno));
   if (geteuid() == 0) {
     const passwd* user = getpwnam("postgres");
     if (user == nullptr) user = getpwnam("nobody");
-    if (user == nullptr) {
-      *error = "running as root, and there is no postgres or nobody user to run the server as";
-      return nullptr;
+    if (user == nullptr || chown(cluster->directory_.c_str(), user->pw_uid, user->pw_gid) != 0) {
+      return fail("running as root, and cannot give the cluster to a postgres or nobody user");
     }
     cluster->dropPrivileges_ = true;
     cluster->runUid_ = user->pw_uid;
     cluster->runGid_ = user->pw_gid;
-    if (chown(pattern.c_str(), user->pw_uid, user->pw_gid) != 0) {
-      *error = std::string("chown: ") + std::strerror(errno);
-      return nullptr;
-    }
   }
-  chmod(pattern.c_str(), 0755);  // the socket's directory: root and the test user connect
-  const std::string data = cluster->directory_ + "/data";
-  const pid_t initdb = spawn({cluster->binDirectory_ + "/initdb", "-D", data, "-U", kSuperuser, "--auth=trust",
-                              "-E", "UTF8", "--locale=C", "--no-sync"},
-                             cluster->directory_ + "/postgres.log", cluster->dropPrivileges_, cluster->runUid_,
-                             cluster->runGid_, false);
-  if (initdb < 0 || !waitSuccess(initdb)) {
-    *error = "initdb failed:\n" + cluster->logTail();
-    return nullptr;
+  chmod(cluster->directory_.c_str(), 0755);  // the socket's directory: root and the test user connect
+  auto initdb = cluster->spawn({cluster->binDirectory_ + "/initdb", "-D", cluster->directory_ + "/data", "-U",
+                                kSuperuser, "--auth=trust", "-E", "UTF8", "--locale=C", "--no-sync"});
+  if (!initdb || !exitedCleanly(initdb->waitForExit(std::chrono::minutes(2)))) {
+    return fail("initdb failed:\n" + cluster->logTail());
   }
-  if (!cluster->launch(error)) return nullptr;
-  return cluster;
+  return cluster->launch(error) ? std::move(cluster) : nullptr;
 }
 
 PostgresCluster* PostgresCluster::shared(std::string* error) {
-  static std::string failure;
-  static std::unique_ptr<PostgresCluster> cluster = [] {
-    std::string startError;
-    std::unique_ptr<PostgresCluster> started = start(&startError);
-    if (!started) failure = startError;
-    return started;
-  }();
+  static std::string failure;  // start() sets it only when it fails
+  static const std::unique_ptr<PostgresCluster> cluster = start(&failure);
   if (!cluster) *error = failure;
   return cluster.get();
 }
 
+// Starts argv as runUid_/runGid_ when dropping privileges (the change of
+// user clears the parent-death signal: setpriv sets SIGQUIT, an immediate
+// shutdown, after it), its output appended to the log.
+std::unique_ptr<ChildProcess> PostgresCluster::spawn(const std::vector<std::string>& argv) const {
+  std::vector<std::string> wrapped{"/bin/sh", "-c", "exec \"$@\" >>\"$0\" 2>&1 </dev/null",
+                                   directory_ + "/postgres.log", "/usr/bin/setpriv", "--pdeathsig=SIGQUIT"};
+  if (dropPrivileges_) {
+    wrapped.insert(wrapped.end(), {"--reuid=" + std::to_string(runUid_), "--regid=" + std::to_string(runGid_),
+                                   "--clear-groups"});
+  }
+  wrapped.push_back("--");
+  wrapped.insert(wrapped.end(), argv.begin(), argv.end());
+  return ChildProcess::start(wrapped);
+}
+
 bool PostgresCluster::launch(std::string* error) {
-  pid_ = spawn({binDirectory_ + "/postgres", "-D", directory_ + "/data", "-k", directory_, "-p",
+  server_ = spawn({binDirectory_ + "/postgres", "-D", directory_ + "/data", "-k", directory_, "-p",
                 std::to_string(kPort), "-c", "listen_addresses=", "-c", "fsync=off", "-c", "synchronous_commit=off",
-                "-c", "full_page_writes=off", "-c", "max_connections=200", "-c", "shared_buffers=16MB"},
-               directory_ + "/postgres.log", dropPrivileges_, runUid_, runGid_, true);
-  if (pid_ < 0) {
-    *error = std::string("fork: ") + std::strerror(errno);
-    return false;
-  }
+                "-c", "full_page_writes=off", "-c", "max_connections=200", "-c", "shared_buffers=16MB"});
   const std::string target = conninfo();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (PQping(target.c_str()) == PQPING_OK) return true;
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      *error = "postgres exited at start:\n" + logTail();
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  *error = "postgres not ready within 30 s:\n" + logTail();
+  bool exited = !server_;  // (or never started)
+  auto ready = [&] {
+    exited = exited || server_->waitForExit(std::chrono::milliseconds(0)).has_value();
+    return exited || PQping(target.c_str()) == PQPING_OK;
+  };
+  if (waitUntil(ready, std::chrono::seconds(30)) && !exited) return true;
+  *error = std::string(exited ? "postgres exited at start:\n" : "postgres not ready within 30 s:\n") + logTail();
+  server_.reset();
   return false;
 }
 
 PostgresCluster::~PostgresCluster() {
-  if (pid_ > 0) {
-    kill(pid_, SIGQUIT);
-    waitSuccess(pid_);
-  }
+  if (server_) server_->signal(SIGQUIT);
+  if (server_) server_->waitForExit(std::chrono::seconds(30));
+  server_.reset();
   std::error_code ignored;
   if (!directory_.empty()) std::filesystem::remove_all(directory_, ignored);
 }
@@ -211,30 +126,27 @@ std::string PostgresCluster::conninfo(const std::string& database) const {
 
 std::string PostgresCluster::createDatabase(std::string* error) {
   const std::string name = "test_" + std::to_string(getpid()) + "_" + std::to_string(++databases_);
-  if (!runStatement(conninfo(), "CREATE DATABASE " + name + " ENCODING 'UTF8' TEMPLATE template0", error)) {
-    return {};
-  }
-  return conninfo(name);
+  auto tool = ChildProcess::start({binDirectory_ + "/createdb", "-h", directory_, "-p", std::to_string(kPort), "-U",
+                                   kSuperuser, "-E", "UTF8", "-T", "template0", name});
+  if (tool && exitedCleanly(tool->waitForExit(std::chrono::seconds(30)))) return conninfo(name);
+  *error = "createdb " + name + " failed (its message is on standard error)";
+  return {};
 }
 
 bool PostgresCluster::pause(std::string* error) {
-  if (pid_ <= 0) return true;
-  kill(pid_, SIGINT);  // fast shutdown
-  const bool clean = waitSuccess(pid_);
-  pid_ = -1;
+  if (!server_) return true;
+  server_->signal(SIGINT);  // fast shutdown
+  const bool clean = exitedCleanly(server_->waitForExit(std::chrono::seconds(60)));
+  server_.reset();
   if (!clean) *error = "postgres did not stop cleanly:\n" + logTail();
   return clean;
 }
 
-bool PostgresCluster::resume(std::string* error) { return pid_ > 0 || launch(error); }
+bool PostgresCluster::resume(std::string* error) { return server_ || launch(error); }
 
 std::string PostgresCluster::logTail() const {
-  std::ifstream in(directory_ + "/postgres.log");
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::ostringstream tail;
-  for (std::size_t i = lines.size() > 20 ? lines.size() - 20 : 0; i < lines.size(); ++i) tail << lines[i] << '\n';
-  return tail.str();
+  const std::string log = readFile(directory_ + "/postgres.log").value_or("");
+  return log.substr(log.size() > 4096 ? log.size() - 4096 : 0);
 }
 
 }  // namespace velmora::testing

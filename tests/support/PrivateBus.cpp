@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string_view>
 #include <thread>
@@ -34,7 +35,6 @@ namespace velmora::testing {
 namespace {
 
 PrivateBus* gBus = nullptr;  // set once by instance() on the main thread
-std::atomic<bool> gStarted{false};
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
@@ -44,88 +44,40 @@ constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(th
 constexpr bool kSanitized = false;
 #endif
 
-// In a sanitizer build, the children's sanitizer reports (responders, the
-// velmorad the bus starts, test processes run as children) go to files in a
-// directory of this process's own: nobody reads a child's standard error,
-// and the bus daemon, not the test, sees velmorad's exit status. The
-// directory is made, and the option variables the children inherit are set,
-// before main() runs, so before any thread or child exists; this process's
-// own runtime read its options earlier and keeps reporting on stderr. The
-// directory sits in VELMORA_SANITIZER_LOG_DIR when set (the test scripts
-// look there again after the run, for reports written after a test ended),
-// else in the temporary directory.
-class ChildSanitizerReports {
- public:
-  ChildSanitizerReports() {
-    if (!kSanitized) return;
-    const char* parent = std::getenv("VELMORA_SANITIZER_LOG_DIR");
-    keep_ = parent != nullptr && *parent != '\0';
-    std::string pattern = (keep_ ? std::string(parent) : std::filesystem::temp_directory_path().string()) +
-                          "/velmora-children-XXXXXX";
-    std::error_code ignored;
-    if (keep_) std::filesystem::create_directories(parent, ignored);
-    if (::mkdtemp(pattern.data()) == nullptr) return;
-    directory_ = pattern;
-    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-      const char* old = std::getenv(name);
-      std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
-      ::setenv(name, (value + "log_path=" + directory_ + "/report").c_str(), 1);
-    }
+// In a sanitizer build run by scripts/test (which names a directory in
+// VELMORA_SANITIZER_LOG_DIR), the children's sanitizer reports (responders,
+// the velmorad the bus starts, test processes run as children) go to files
+// there, and the script fails the run on any of them: nobody reads a child's
+// standard error, and the bus daemon, not the test, sees velmorad's exit
+// status. Set before main() runs, so before any thread or child exists; this
+// process's own runtime read its options earlier and reports on stderr.
+[[maybe_unused]] const bool kChildReportsToFiles = [] {
+  const char* logs = std::getenv("VELMORA_SANITIZER_LOG_DIR");
+  if (!kSanitized || logs == nullptr || *logs == '\0') return false;
+  for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+    const char* old = std::getenv(name);
+    const std::string value = old != nullptr && *old != '\0' ? std::string(old) + ":" : std::string();
+    ::setenv(name, (value + "log_path=" + logs + "/report").c_str(), 1);
   }
+  return true;
+}();
 
-  const std::string& directory() const noexcept { return directory_; }
-
-  // Fails the run once for every report written so far, printing it on
-  // stderr; removes the directory when it is empty and nobody looks again.
-  // Main thread, after the last test.
-  void check() {
-    if (directory_.empty()) return;
-    std::error_code ec;
-    bool any = false;
-    for (const auto& item : std::filesystem::directory_iterator(directory_, ec)) {
-      any = true;
-      const std::string text = readFile(item.path().string()).value_or("");
-      std::fprintf(stderr, "==== sanitizer report of a child process: %s\n%s\n", item.path().c_str(), text.c_str());
-      ADD_FAILURE() << "a child process reported a sanitizer error: " << item.path().string();
-    }
-    if (!any && !keep_) std::filesystem::remove(directory_, ec);
-  }
-
- private:
-  std::string directory_;  // main thread only; empty when not sanitized
-  bool keep_ = false;      // main thread only
-};
-
-ChildSanitizerReports gChildReports;
-
-// Stops the bus after the last test of the run, then looks for the
-// children's sanitizer reports.
+// Stops the bus after the last test of the run.
 class PrivateBusEnvironment final : public ::testing::Environment {
  public:
   void TearDown() override {
     if (gBus != nullptr) gBus->stop();
-    gChildReports.check();
   }
 };
 
 [[maybe_unused]] ::testing::Environment* const kEnvironment =
     ::testing::AddGlobalTestEnvironment(new PrivateBusEnvironment);
 
-std::string busConfig(const std::string& directory, const std::string& services) {
-  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-         "<busconfig>\n"
-         "  <type>session</type>\n"
-         "  <keep_umask/>\n"
-         "  <listen>unix:dir=" + directory + "</listen>\n"
-         "  <auth>EXTERNAL</auth>\n"
-         "  <servicedir>" + services + "</servicedir>\n"
-         "  <policy context=\"default\">\n"
-         "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-         "    <allow eavesdrop=\"true\"/>\n"
-         "    <allow own=\"*\"/>\n"
-         "  </policy>\n"
-         "</busconfig>\n";
+std::string busConfig(const std::string& directory) {
+  return "<busconfig><type>session</type><keep_umask/><auth>EXTERNAL</auth>\n"
+         "<listen>unix:dir=" + directory + "</listen><servicedir>" + directory + "/services</servicedir>\n"
+         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+         "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
 }
 
 }  // namespace
@@ -140,29 +92,17 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  // extraEnvironment replaces inherited variables of the same name.
-  std::vector<std::string> envStrings;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string_view entry(*e);
-    bool replaced = false;
-    for (const std::string& extra : extraEnvironment) {
-      std::string_view name = std::string_view(extra).substr(0, extra.find('=') + 1);
-      replaced = replaced || entry.substr(0, name.size()) == name;
-    }
-    if (!replaced) envStrings.emplace_back(entry);
-  }
-  for (const std::string& e : extraEnvironment) envStrings.push_back(e);
+  // "NAME=" -> "NAME=value": extraEnvironment replaces inherited variables of the same name.
+  std::map<std::string, std::string> byName;
+  auto nameOf = [](std::string_view entry) { return std::string(entry.substr(0, entry.find('=') + 1)); };
+  for (char** e = environ; *e != nullptr; ++e) byName.emplace(nameOf(*e), *e);
+  for (const std::string& e : extraEnvironment) byName.insert_or_assign(nameOf(e), e);
   std::vector<char*> env;
-  for (const std::string& e : envStrings) env.push_back(const_cast<char*>(e.c_str()));
+  for (auto& [name, entry] : byName) env.push_back(entry.data());
   env.push_back(nullptr);
   const pid_t parent = ::getpid();
 
-  pid_t pid = ::fork();
-  if (pid < 0) {
-    ::close(out[0]);
-    ::close(out[1]);
-    return nullptr;
-  }
+  const pid_t pid = ::fork();
   if (pid == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(126);  // the parent is already gone
@@ -171,7 +111,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
     ::_exit(127);
   }
   ::close(out[1]);
-  return std::unique_ptr<ChildProcess>(new ChildProcess(pid, out[0]));
+  if (pid < 0) ::close(out[0]);
+  return pid < 0 ? nullptr : std::unique_ptr<ChildProcess>(new ChildProcess(pid, out[0]));
 }
 
 ChildProcess::~ChildProcess() {
@@ -185,100 +126,63 @@ ChildProcess::~ChildProcess() {
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    auto newline = buffered_.find('\n');
-    if (newline != std::string::npos) {
-      std::string line = buffered_.substr(0, newline);
-      buffered_.erase(0, newline + 1);
-      return line;
-    }
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
+  // A byte at a time, so that nothing past the line is taken from the pipe.
+  for (std::string line;;) {
+    using std::chrono::duration_cast, std::chrono::milliseconds;
+    const auto left = duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd pfd{stdoutFd_, POLLIN, 0};
-    int r = ::poll(&pfd, 1, static_cast<int>(left.count()));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return std::nullopt;
-    char chunk[512];
-    ssize_t n = ::read(stdoutFd_, chunk, sizeof chunk);
-    if (n <= 0) return std::nullopt;
-    buffered_.append(chunk, static_cast<std::size_t>(n));
+    const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
+    char c = 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0 || ::read(stdoutFd_, &c, 1) != 1) return std::nullopt;
+    if (c == '\n') return line;
+    line += c;
   }
 }
 
-void ChildProcess::signal(int sig) {
-  if (pid_ > 0) ::kill(pid_, sig);
+void ChildProcess::stop(std::unique_ptr<ChildProcess>& child) {
+  if (child) child->signal(SIGTERM);
+  if (child && !child->waitForExit(std::chrono::seconds(10))) child->signal(SIGKILL);
+  child.reset();
 }
 
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return std::nullopt;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    pid_t r = ::waitpid(pid_, &status, WNOHANG);
-    if (r == pid_) {
-      pid_ = -1;
-      return status;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  int status = 0;
+  if (pid_ <= 0 || !waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) return std::nullopt;
+  pid_ = -1;
+  return status;
 }
 
 // ---------------------------------------------------------------------------
 
 std::unique_ptr<BusDaemon> BusDaemon::start() {
-  std::unique_ptr<BusDaemon> daemon(new BusDaemon());
-  char pattern[] = "/tmp/velmora-bus-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return nullptr;
-  daemon->directory_ = pattern;
-  daemon->serviceDirectory_ = daemon->directory_ + "/services";
-  std::filesystem::create_directory(daemon->serviceDirectory_);
-  const std::string configPath = daemon->directory_ + "/bus.conf";
-  std::ofstream(configPath) << busConfig(daemon->directory_, daemon->serviceDirectory_);
+  auto daemon = std::make_unique<BusDaemon>();
+  std::filesystem::create_directory(daemon->directory_.path() / "services");
+  const std::string configPath = daemon->directory_.file("bus.conf");
+  std::ofstream(configPath) << busConfig(daemon->directory());
   // The daemon prints its address on its standard output: our pipe.
   daemon->process_ =
       ChildProcess::start({"/usr/bin/dbus-daemon", "--config-file=" + configPath, "--nofork", "--print-address=1"});
-  std::optional<std::string> address =
-      daemon->process_ ? daemon->process_->readLine(std::chrono::seconds(10)) : std::nullopt;
-  if (!address || address->empty()) return nullptr;
-  daemon->address_ = *address;
-  return daemon;
-}
-
-BusDaemon::~BusDaemon() {
-  process_.reset();
-  if (!directory_.empty()) {
-    keepFilesForFuzzSeeds(directory_);
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-  }
+  daemon->address_ = daemon->process_ ? daemon->process_->readLine(std::chrono::seconds(10)).value_or("") : "";
+  return daemon->address_.empty() ? nullptr : std::move(daemon);
 }
 
 void BusDaemon::installService(const std::string& name, const std::vector<std::string>& argv) {
-  std::string exec;
-  for (const std::string& a : argv) {
-    if (!exec.empty()) exec += ' ';
-    exec += a;
-  }
-  std::ofstream(serviceDirectory_ + "/" + name + ".service")
-      << "[D-BUS Service]\nName=" << name << "\nExec=" << exec << "\n";
+  std::ofstream file(directory_.file("services/" + name + ".service"));
+  file << "[D-BUS Service]\nName=" << name << "\nExec=";
+  for (std::size_t i = 0; i < argv.size(); ++i) file << (i == 0 ? "" : " ") << argv[i];
+  file << "\n";
 }
 
 // ---------------------------------------------------------------------------
 
 PrivateBus& PrivateBus::instance() {
-  if (gBus == nullptr) {
-    auto* bus = new PrivateBus();
-    bus->startDaemon();
-    gBus = bus;
-    gStarted.store(true);
-  }
+  if (gBus == nullptr) (gBus = new PrivateBus())->restart();
   return *gBus;
 }
 
-bool PrivateBus::started() { return gStarted.load(); }
-
-void PrivateBus::startDaemon() {
+void PrivateBus::restart() {
+  daemon_.reset();
   daemon_ = BusDaemon::start();
   if (!daemon_) {
     std::fprintf(stderr, "PrivateBus: dbus-daemon did not start\n");
@@ -289,16 +193,7 @@ void PrivateBus::startDaemon() {
   ::unsetenv("DBUS_STARTER_BUS_TYPE");
 }
 
-void PrivateBus::restart() {
-  daemon_.reset();
-  startDaemon();
-}
-
-void PrivateBus::stop() { daemon_.reset(); }
-
 std::string responderPath() { return VELMORA_RESPONDER_PATH; }
-
-const std::string& childSanitizerReportDirectory() { return gChildReports.directory(); }
 
 std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std::vector<std::string>& arguments,
                                              const std::string& busAddress) {
@@ -306,16 +201,10 @@ std::unique_ptr<ChildProcess> startResponder(const std::string& name, const std:
   std::vector<std::string> argv{responderPath(), "--name", name};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   auto child = ChildProcess::start(argv, {"DBUS_SESSION_BUS_ADDRESS=" + address});
-  if (!child) {
-    ADD_FAILURE() << "cannot start " << argv[0];
-    return nullptr;
-  }
-  std::optional<std::string> line = child->readLine(std::chrono::seconds(10));
-  if (!line || line->rfind("ready", 0) != 0) {
-    ADD_FAILURE() << "responder for " << name << " did not get ready (got '" << line.value_or("<nothing>") << "')";
-    return nullptr;
-  }
-  return child;
+  const std::optional<std::string> line = child ? child->readLine(std::chrono::seconds(10)) : std::nullopt;
+  if (line && line->starts_with("ready")) return child;
+  ADD_FAILURE() << "responder for " << name << " did not get ready (got '" << line.value_or("<nothing>") << "')";
+  return nullptr;
 }
 
 std::string uniqueBusName(const std::string& prefix) {
@@ -325,18 +214,12 @@ std::string uniqueBusName(const std::string& prefix) {
 
 std::vector<ResponderArrival> readTimeline(const std::string& path) {
   std::vector<ResponderArrival> arrivals;
-  std::optional<std::string> text = readFile(path);
-  if (!text) return arrivals;
-  std::size_t begin = 0;
+  std::istringstream text(readFile(path).value_or(""));
   // A line still being written has no newline yet: it is left for later.
-  for (std::size_t end = text->find('\n'); end != std::string::npos; end = text->find('\n', begin)) {
-    std::istringstream line(text->substr(begin, end - begin));
-    begin = end + 1;
-    long long nanoseconds = 0;
+  for (std::string line; std::getline(text, line) && !text.eof();) {
+    std::istringstream fields(line);
     ResponderArrival arrival;
-    if (!(line >> nanoseconds >> arrival.message >> arrival.bundleIdentifier >> arrival.storeIdentifier)) continue;
-    arrival.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
-    arrivals.push_back(std::move(arrival));
+    if (fields >> arrival.message >> arrival.bundleIdentifier) arrivals.push_back(std::move(arrival));
   }
   return arrivals;
 }
@@ -344,12 +227,10 @@ std::vector<ResponderArrival> readTimeline(const std::string& path) {
 std::vector<PropertyList> readRecordedRequests(const std::string& directory) {
   std::vector<PropertyList> requests;
   for (int n = 1;; ++n) {
-    std::optional<std::string> bytes = readFile(directory + "/request-" + std::to_string(n) + ".bplist");
-    if (!bytes) break;
-    requests.push_back(decodeBinaryPlist(
-        std::span(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size())));
+    const std::string path = directory + "/request-" + std::to_string(n) + ".bplist";
+    if (!std::filesystem::exists(path)) return requests;
+    requests.push_back(readPlistFile(path));
   }
-  return requests;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

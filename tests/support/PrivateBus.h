@@ -14,6 +14,7 @@
 //   is thread-safe only as far as each method says.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -39,8 +40,6 @@ class ChildProcess {
   static std::unique_ptr<ChildProcess> start(const std::vector<std::string>& argv,
                                              const std::vector<std::string>& extraEnvironment = {});
   ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const noexcept { return pid_; }
 
@@ -49,7 +48,11 @@ class ChildProcess {
   std::optional<std::string> readLine(std::chrono::milliseconds timeout);
 
   // Sends sig to the child (if not yet reaped).
-  void signal(int sig);
+  void signal(int sig) { if (pid_ > 0) ::kill(pid_, sig); }
+
+  // Stops child, when there is one, with SIGTERM (SIGKILL after 10 s) and
+  // resets it. Blocks until it is gone.
+  static void stop(std::unique_ptr<ChildProcess>& child);
 
   // Waits up to timeout for the child to exit; its wait status, or nullopt
   // when it is still running. Blocks up to timeout.
@@ -60,7 +63,6 @@ class ChildProcess {
 
   pid_t pid_;                // the child; -1 once reaped
   int stdoutFd_;             // read end of the child's stdout, owned
-  std::string buffered_;     // bytes read past the last line returned
 };
 
 // One dbus-daemon with a generated session-like configuration (a socket and
@@ -70,29 +72,20 @@ class BusDaemon {
  public:
   // Starts a daemon; nullptr when it does not come up within 10 s. Blocks.
   static std::unique_ptr<BusDaemon> start();
-  ~BusDaemon();
-  BusDaemon(const BusDaemon&) = delete;
-  BusDaemon& operator=(const BusDaemon&) = delete;
 
   const std::string& address() const noexcept { return address_; }
   // A fresh temporary directory removed with the daemon.
-  const std::string& directory() const noexcept { return directory_; }
-  // The daemon's activation directory (inside directory()).
-  const std::string& serviceDirectory() const noexcept { return serviceDirectory_; }
-  pid_t pid() const noexcept { return process_ ? process_->pid() : -1; }
+  std::string directory() const { return directory_.path().string(); }
 
   // Writes an activation file so that a request to name starts argv. The
-  // daemon rescans the directory when it meets an unknown name. Blocks on
+  // daemon rescans its directory when it meets an unknown name. Blocks on
   // file I/O.
   void installService(const std::string& name, const std::vector<std::string>& argv);
 
  private:
-  BusDaemon() = default;
-
+  ScratchDirectory directory_{"velmora-bus"};  // outlives process_
   std::unique_ptr<ChildProcess> process_;
   std::string address_;
-  std::string directory_;
-  std::string serviceDirectory_;
 };
 
 // The process's session bus for the tests: a BusDaemon whose address is
@@ -100,17 +93,13 @@ class BusDaemon {
 class PrivateBus {
  public:
   // The process's private bus, started on first call (from the test's main
-  // thread) and set as DBUS_SESSION_BUS_ADDRESS. Aborts the process with a
-  // message when the daemon cannot be started: no test here can run without it.
+  // thread). Aborts the process with a message when the daemon cannot be
+  // started: no test here can run without it.
   static PrivateBus& instance();
 
-  // Whether instance() has started a bus in this process. Any thread.
-  static bool started();
-
   // The running daemon. Valid until restart() or stop().
-  BusDaemon& daemon() { return *daemon_; }
   const std::string& address() const noexcept { return daemon_->address(); }
-  const std::string& directory() const noexcept { return daemon_->directory(); }
+  std::string directory() const { return daemon_->directory(); }
   void installService(const std::string& name, const std::vector<std::string>& argv) {
     daemon_->installService(name, argv);
   }
@@ -120,22 +109,14 @@ class PrivateBus {
   void restart();
 
   // Kills the daemon. Idempotent; the global environment calls it at the end.
-  void stop();
+  void stop() { daemon_.reset(); }
 
  private:
-  PrivateBus() = default;
-  void startDaemon();
-
   std::unique_ptr<BusDaemon> daemon_;
 };
 
 // The scripted responder executable built beside the tests.
 std::string responderPath();
-
-// In a sanitizer build, the directory where the sanitizer reports of this
-// process's children land (as "report.<pid>"); a report there fails the run
-// after the last test. Empty in other builds. Made before main(); any thread.
-const std::string& childSanitizerReportDirectory();
 
 // Starts the scripted responder owning name, with extra arguments, on the
 // bus at busAddress (the private session bus when empty), and waits (up to
@@ -149,10 +130,8 @@ std::string uniqueBusName(const std::string& prefix);
 
 // One line of a responder's --timeline file.
 struct ResponderArrival {
-  std::chrono::steady_clock::time_point at;  // when the request arrived (the monotonic clock)
-  std::string message;                       // "-" when it had none
-  std::string bundleIdentifier;              // "-" when it had none
-  std::string storeIdentifier;               // "-" when it had none
+  std::string message;           // "-" when it had none
+  std::string bundleIdentifier;  // "-" when it had none
 };
 
 // The complete lines of a --timeline file, oldest first; empty when it does

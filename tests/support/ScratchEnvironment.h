@@ -9,7 +9,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -92,22 +94,13 @@ class ScratchHomeEnvironment final : public velmora::Environment {
   std::optional<std::string> getVariable(std::string_view name) const override { return system_.getVariable(name); }
   std::optional<std::string> homeDirectory() const override { return home_; }
   double absoluteTime() const override { return system_.absoluteTime(); }
-  std::optional<std::string> hostApplicationIdentifier() const override {
-    std::lock_guard lock(mutex_);
-    return application_;
-  }
+  std::optional<std::string> hostApplicationIdentifier() const override { return application_; }
   bool isSandboxed() const override { return false; }
-
-  void setHostApplicationIdentifier(std::optional<std::string> application) {
-    std::lock_guard lock(mutex_);
-    application_ = std::move(application);
-  }
 
  private:
   velmora::SystemEnvironment system_;
   const std::string home_;
-  mutable std::mutex mutex_;
-  std::optional<std::string> application_;  // guarded by mutex_
+  const std::optional<std::string> application_;
 };
 
 // Takes observers and posts without a bus, and never calls an observer: for
@@ -115,9 +108,7 @@ class ScratchHomeEnvironment final : public velmora::Environment {
 class SilentSystemNotificationCenter final : public velmora::SystemNotificationCenter {
  public:
   velmora::SystemObserverToken addObserver(std::string, std::shared_ptr<velmora::DispatchQueue>,
-                                           std::function<void()>, const void*) override {
-    return 1;
-  }
+                                           std::function<void()>, const void*) override { return 1; }
   void removeObserver(velmora::SystemObserverToken) override {}
   void removeObservers(const void*) override {}
   bool post(std::string_view) override { return true; }
@@ -128,10 +119,7 @@ class SilentSystemNotificationCenter final : public velmora::SystemNotificationC
 inline bool loggedOnDefaultChannel(const velmora::CapturingLogSink& sink, velmora::LogLevel level,
                                    std::string_view message) {
   const velmora::CapturedLogLine wanted{"com.vantrel.velmora", "Default", level, std::string(message)};
-  for (const velmora::CapturedLogLine& line : sink.lines()) {
-    if (line == wanted) return true;
-  }
-  return false;
+  return std::ranges::count(sink.lines(), wanted) > 0;
 }
 
 // Installs process-wide services and, on destruction, puts back the ones
@@ -169,10 +157,7 @@ class ScopedServices {
 
   // Puts back every service replaced so far, the last first. Idempotent.
   void restore() {
-    while (!restores_.empty()) {
-      restores_.back()();
-      restores_.pop_back();
-    }
+    for (; !restores_.empty(); restores_.pop_back()) restores_.back()();
   }
 
  private:
@@ -184,9 +169,7 @@ class ScopedServices {
 inline std::optional<std::string> readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return std::nullopt;
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Writes value to path as a binary property list, making the directories
@@ -199,10 +182,9 @@ inline bool writePlistFile(const std::string& path, const velmora::PropertyList&
   std::error_code ignored;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   const std::string temporary = path + ".tmp" + std::to_string(::getpid());
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size()));
-    if (!out) return false;
+  std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+  if (!out.write(reinterpret_cast<const char*>(bytes->data()), static_cast<std::streamsize>(bytes->size())).flush()) {
+    return false;
   }
   return std::rename(temporary.c_str(), path.c_str()) == 0;
 }

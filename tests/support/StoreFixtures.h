@@ -39,14 +39,6 @@ inline velmora::PropertyList record(const std::string& text, std::int64_t timest
   return record(velmora::PropertyList::string(text), timestamp);
 }
 
-// Each of values in its storage record, all stamped with timestamp.
-inline velmora::PlistDictionary records(const velmora::PlistDictionary& values,
-                                       std::int64_t timestamp = kRecordTimestamp) {
-  velmora::PlistDictionary stamped;
-  for (const auto& [key, value] : values) stamped.emplace(key, record(value, timestamp));
-  return stamped;
-}
-
 // A store file's content: values (storage records) under "values", the
 // change count under "changecount", and the entries of extra beside them.
 inline velmora::PropertyList storeWith(velmora::PlistDictionary values, std::int64_t changeCount,

@@ -22,6 +22,7 @@
 #include "PrivateBus.h"
 #include "ScratchEnvironment.h"
 #include "velmora/platform/DbusValue.h"
+#include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Ipc.h"
 #include "velmora/platform/PlistCodec.h"
 #include "velmora/platform/SystemNotifications.h"
@@ -42,9 +43,8 @@ inline std::int64_t recordTimestampNow() {
 inline PropertyList storedValue(const PropertyList& contents, const std::string& key) {
   const PropertyList* values = contents.find("values");
   const PropertyList* record = values != nullptr ? values->find(key) : nullptr;
-  if (record == nullptr) return {};
   std::int64_t timestamp = 0;
-  const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(*record, &timestamp);
+  const PropertyList* value = record ? ZKVGetPropertyListAndTimestampFromStorage(*record, &timestamp) : nullptr;
   return value != nullptr ? *value : PropertyList();
 }
 
@@ -58,8 +58,6 @@ class SyncServer {
   explicit SyncServer(std::vector<std::string> storage, std::vector<std::string> extra = {})
       : storage_(std::move(storage)), extra_(std::move(extra)) {}
   ~SyncServer() { stop(); }
-  SyncServer(const SyncServer&) = delete;
-  SyncServer& operator=(const SyncServer&) = delete;
 
   // Starts serving and waits (up to 15 s) for "listening on". The first
   // start picks a free port; later ones reuse it, so devices find the
@@ -69,20 +67,13 @@ class SyncServer {
     argv.insert(argv.end(), storage_.begin(), storage_.end());
     argv.insert(argv.end(), extra_.begin(), extra_.end());
     process_ = ChildProcess::start(argv);
-    if (!process_) return false;
-    const std::optional<std::string> line = process_->readLine(std::chrono::seconds(15));
+    const std::string line = process_ ? process_->readLine(std::chrono::seconds(15)).value_or("") : "";
     const std::string prefix = "listening on 127.0.0.1:";
-    if (!line || line->rfind(prefix, 0) != 0) return false;
-    port_ = std::stoi(line->substr(prefix.size()));
-    return true;
+    if (line.starts_with(prefix)) port_ = std::stoi(line.substr(prefix.size()));
+    return line.starts_with(prefix);
   }
   // Stops it (SIGTERM, then SIGKILL after 10 s). Idempotent.
-  void stop() {
-    if (!process_) return;
-    process_->signal(SIGTERM);
-    if (!process_->waitForExit(std::chrono::seconds(10))) process_->signal(SIGKILL);
-    process_.reset();
-  }
+  void stop() { ChildProcess::stop(process_); }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
   // A new account's token; empty when none came. Blocks for the tool.
@@ -108,16 +99,16 @@ class SyncDevice {
   static constexpr const char* kService = "com.vantrel.velmorad-sim";
 
   // Starts the bus and the daemon; ok() tells whether both came up.
-  explicit SyncDevice(const std::string& name) : home_("velmora-device-" + name) {
-    bus_ = BusDaemon::start();
-    if (bus_) startDaemon();
+  explicit SyncDevice(const std::string& name) : home_("velmora-device-" + name), bus_(BusDaemon::start()) {
+    if (bus_ && sd_bus_new(&client_) >= 0 && sd_bus_set_address(client_, bus_->address().c_str()) >= 0 &&
+        sd_bus_set_bus_client(client_, 1) >= 0 && sd_bus_start(client_) >= 0) {
+      startDaemon();
+    }
   }
   ~SyncDevice() {
     stopDaemon();
-    if (client_ != nullptr) sd_bus_flush_close_unref(client_);
+    sd_bus_flush_close_unref(client_);
   }
-  SyncDevice(const SyncDevice&) = delete;
-  SyncDevice& operator=(const SyncDevice&) = delete;
 
   bool ok() const { return bus_ != nullptr && daemon_ != nullptr; }
   const std::string& busAddress() const { return bus_->address(); }
@@ -135,12 +126,7 @@ class SyncDevice {
     daemon_.reset();
     return false;
   }
-  void stopDaemon() {
-    if (!daemon_) return;
-    daemon_->signal(SIGTERM);
-    if (!daemon_->waitForExit(std::chrono::seconds(10))) daemon_->signal(SIGKILL);
-    daemon_.reset();
-  }
+  void stopDaemon() { ChildProcess::stop(daemon_); }
 
   // Sends one request to this device's daemon and waits for the reply
   // dictionary; none when no reply came.
@@ -150,18 +136,10 @@ class SyncDevice {
     if (!userInfo.isNone()) body.emplace("userinfo", std::move(userInfo));
     if (bundle) body.emplace("bundleIdentifier", PropertyList::string(*bundle));
     const std::optional<velmora::IpcObject> object = velmora::ipcObjectFromPropertyList(PropertyList::dictionary(body));
-    if (!object) return {};
-    sd_bus_message* call = nullptr;
-    sd_bus_message* reply = nullptr;
-    int r = sd_bus_message_new_method_call(client(), &call, kService, "/com/vantrel/velmorad", "com.vantrel.velmorad",
-                                           "Request");
-    if (r >= 0) r = velmora::appendIpcObject(call, *object);
-    if (r >= 0) r = sd_bus_call(client(), call, 30'000'000, nullptr, &reply);
-    std::optional<PropertyList> result;
-    if (r >= 0) result = velmora::readDbusDictionary(reply);
-    sd_bus_message_unref(call);
-    sd_bus_message_unref(reply);
-    return result.value_or(PropertyList());
+    velmora::DbusIpcService transport({.busAddress = busAddress(), .callTimeout = std::chrono::seconds(30)});
+    auto connection = transport.connect(kService, velmora::DispatchQueue::createSerial("device-requests"));
+    connection->resume();
+    return object ? connection->sendAndWait(*object).dictionary : PropertyList();
   }
 
   // Logs this daemon into server's account; the reply.
@@ -179,11 +157,9 @@ class SyncDevice {
       changes.emplace(key, value.isNone() ? PropertyList::dictionary({})
                                           : ZKVCreateStorageForPropertyListAndTimestamp(value, timestamp));
     }
-    const PropertyList reply = request(
-        "synchronize",
-        makeDictionary({{"changes", PropertyList::dictionary(changes)}, {"changecount", PropertyList::integer(0)}}),
-        app);
-    return reply.find("userinfo") != nullptr;
+    const PropertyList info =
+        makeDictionary({{"changes", PropertyList::dictionary(changes)}, {"changecount", PropertyList::integer(0)}});
+    return request("synchronize", info, app).find("userinfo") != nullptr;
   }
 
   // "trackSynchronizeRemote": true on success, false on an error reply.
@@ -195,24 +171,11 @@ class SyncDevice {
   }
 
  private:
-  sd_bus* client() {
-    if (client_ == nullptr) {
-      sd_bus_new(&client_);
-      sd_bus_set_address(client_, bus_->address().c_str());
-      sd_bus_set_bus_client(client_, 1);
-      sd_bus_start(client_);
-    }
-    return client_;
-  }
   bool daemonOwnsName() {
-    sd_bus_message* reply = nullptr;
-    int has = 0;
-    if (sd_bus_call_method(client(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                           "NameHasOwner", nullptr, &reply, "s", kService) >= 0) {
-      sd_bus_message_read(reply, "b", &has);
-    }
-    sd_bus_message_unref(reply);
-    return has != 0;
+    sd_bus_creds* creds = nullptr;  // with an empty mask, only whether the name has an owner is asked
+    const bool owned = sd_bus_get_name_creds(client_, kService, 0, &creds) >= 0;
+    sd_bus_creds_unref(creds);
+    return owned;
   }
 
   ScratchDirectory home_;
@@ -223,19 +186,15 @@ class SyncDevice {
 
 // While it lives, this process's libzkv is an application on device: its
 // home, its bus for requests and change notifications.
-class LibraryOn {
+class LibraryOn : ScopedServices {
  public:
   explicit LibraryOn(const SyncDevice& device) {
-    services_.install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(device.home()));
-    velmora::DbusIpcOptions options;
-    options.busAddress = device.busAddress();
-    services_.install(velmora::setIpcService, std::make_shared<velmora::DbusIpcService>(options));
-    services_.install(velmora::setSystemNotificationCenter,
-                      std::make_shared<velmora::DbusSystemNotificationCenter>(device.busAddress()));
+    install(velmora::setEnvironment, std::make_shared<ScratchHomeEnvironment>(device.home()));
+    install(velmora::setIpcService,
+            std::make_shared<velmora::DbusIpcService>(velmora::DbusIpcOptions{.busAddress = device.busAddress()}));
+    install(velmora::setSystemNotificationCenter,
+            std::make_shared<velmora::DbusSystemNotificationCenter>(device.busAddress()));
   }
-
- private:
-  ScopedServices services_;
 };
 
 }  // namespace velmora::testing

@@ -21,28 +21,22 @@ def open_settings(spec):
 
 
 def main(mode, spec, rounds=0):
-    settings = open_settings(spec)
-    loop = GLib.MainLoop()
+    settings, loop, seen = open_settings(spec), GLib.MainLoop(), []
     if mode == "watch":
         for name in settings.props.settings_schema.list_keys():
             settings.connect("changed::" + name, lambda s, key: print(key, s.get_value(key).print_(True), flush=True))
     elif mode == "poll":
-        seen = []
-
         def look(*_):
             keys = (settings.get_int("t1"), settings.get_string("t2"), settings.get_int64("t3"))
-            if not seen or seen[-1] != keys:
+            if seen[-1:] != [keys]:
                 seen.append(keys)
                 print("%d,%s,%d" % keys, flush=True)
-            if keys[0] == rounds:
-                loop.quit()
-            return True
+            return keys[0] != rounds or loop.quit()
 
         settings.connect("changed", look)
         GLib.timeout_add(2, look)
     elif mode == "tree":
-        heard = []
-        settings.connect("changed::t1", lambda *_: heard.append(1))
+        settings.connect("changed::t1", lambda *_: seen.append(1))
         delayed = open_settings(spec)
         delayed.delay()
 
@@ -52,16 +46,14 @@ def main(mode, spec, rounds=0):
             delayed.set_string("t2", str(count[0]))
             delayed.set_int64("t3", count[0])
             delayed.apply()
-            if count[0] < rounds:
-                return True
-            Gio.Settings.sync()
-            GLib.timeout_add(300, loop.quit)  # time for a second signal, if one came
-            return False
+            if count[0] == rounds:
+                Gio.Settings.sync()
+                GLib.timeout_add(300, loop.quit)  # time for a second signal, if one came
+            return count[0] < rounds
 
         GLib.timeout_add(10, write)
         loop.run()
-        print(len(heard), flush=True)
-        return
+        return print(len(seen), flush=True)
     print("ready", flush=True)
     loop.run()
 
