@@ -219,7 +219,10 @@ std::vector<ResponderArrival> readTimeline(const std::string& path) {
   for (std::string line; std::getline(text, line) && !text.eof();) {
     std::istringstream fields(line);
     ResponderArrival arrival;
-    if (fields >> arrival.message >> arrival.bundleIdentifier) arrivals.push_back(std::move(arrival));
+    std::int64_t ns = 0;
+    if (!(fields >> ns >> arrival.message >> arrival.bundleIdentifier)) continue;
+    arrival.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(ns));
+    arrivals.push_back(std::move(arrival));
   }
   return arrivals;
 }

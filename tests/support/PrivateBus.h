@@ -130,6 +130,7 @@ std::string uniqueBusName(const std::string& prefix);
 
 // One line of a responder's --timeline file.
 struct ResponderArrival {
+  std::chrono::steady_clock::time_point at;  // when it arrived
   std::string message;           // "-" when it had none
   std::string bundleIdentifier;  // "-" when it had none
 };

@@ -4,8 +4,8 @@
 //
 //   velmora_scripted_responder --name NAME [options]
 //     --timeline FILE      append one line per request on arrival, before it
-//     --record FILE        is answered: "<message> <bundleIdentifier>" ("-"
-//                          for a missing value)
+//     --record FILE        is answered: "<ns> <message> <bundleIdentifier>" ("-"
+//                          for a missing value; ns on the monotonic clock)
 //     --record-plists DIR  also write each request to DIR/request-<n>.bplist
 //                          (n counts from 1)
 //     --on MESSAGE=BEHAVIOUR   requests whose "message" is MESSAGE get
@@ -37,6 +37,7 @@
 //   delay        echo after [delayMs] (or the "userinfo"'s) milliseconds (200)
 //   odd          a reply that is no dictionary: [shape] "u" (a uint32), "none"
 //                (no arguments) or "dict-int-keys" (a{is})
+#include <chrono>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <time.h>
@@ -145,7 +146,9 @@ int behave(const std::string& name, sd_bus_message* call, const PropertyList& re
 }
 
 void record(const std::string& message, const PropertyList& request) {
-  const std::string line = (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-");
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();  // the monotonic clock, as the tests read it
+  const std::string line = std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + " " +
+                           (message.empty() ? "-" : message) + " " + stringOf(request, "bundleIdentifier", "-");
   for (const std::string& path : gTimelines) std::ofstream(path, std::ios::app) << line + "\n";
   const std::string plist = gRecordPlists + "/request-" + std::to_string(++gReceived) + ".bplist";
   if (!gRecordPlists.empty()) velmora::testing::writePlistFile(plist, request);
