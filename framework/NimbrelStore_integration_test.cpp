@@ -251,6 +251,15 @@ TEST_F(SourceTest, WritesAreValidatedStampedAndCountedOnlyWhenTheyChangeSomethin
   EXPECT_THROW(source->setValueForKey(str("v"), euros), ZKVAssertionFailure);
   EXPECT_THROW(source->setValuesForKeys({{"k", str("v")}, {tooLong, str("v")}}), ZKVAssertionFailure);
   EXPECT_THROW(source->setValuesForKeys({{"k", makeArray({PropertyList()})}}), ZKVAssertionFailure);
+  try {  // a single write checks the value on its own path, naming what refused it
+    source->setValueForKey(makeArray({PropertyList()}), "k");
+    ADD_FAILURE() << "a value holding nothing was stored";
+  } catch (const ZKVAssertionFailure& failure) {
+    EXPECT_EQ(std::tuple(std::string(failure.description()), failure.operation(), failure.object(), failure.file()),
+              std::tuple("NimbrelStore: value is not property-list compatible: " + makeArray({PropertyList()}).description(),
+                         std::string("ZKVRemotePreferencesSource::setValueForKey"),
+                         static_cast<const void*>(source.get()), std::string("framework/ZKVRemotePreferencesSource")));
+  }
   EXPECT_EQ(source->generationCount(), 2);
   EXPECT_EQ(dirtyKeys(*source), (Source::KeySet{key64, longKey}));
   source->setValuesForKeys({{key64, PropertyList()}, {"", str("ignored")}, {"b", str("w")}});
@@ -308,6 +317,9 @@ TEST_F(SourceTest, OnlyAnIdleCleanCacheIsEvictedUnderMemoryPressure) {
   (void)listed->copyDictionary();
   warn(*listed);
   EXPECT_FALSE(loadState(*listed).cache);
+  warn(*listed);  // nothing left to evict, nothing reloaded
+  EXPECT_TRUE(logged(LogLevel::Debug, "Cache already empty"));
+  EXPECT_FALSE(loadState(*listed).cache);
 }
 
 // A warning handler holding the last reference tears the source down on the
@@ -354,7 +366,7 @@ TEST_F(SourceTest, ClientEnvelopesAndReplyShapes) {
   velmora::PlistArray steps;
   for (const auto& [reply, expected] : shapes) steps.push_back(makeDictionary({{"reply", reply}}));
   script({{"register", PropertyList::array(steps)}});
-  startDaemon();
+  startDaemon({"--on", "ping=unsolicited"});
   auto store = makeClient("com.example.app", "com.example.app.extra", true);
   auto management = makeClient(std::nullopt);
   EXPECT_TRUE(ipc_->requested().empty());  // connections are made lazily
@@ -382,6 +394,23 @@ TEST_F(SourceTest, ClientEnvelopesAndReplyShapes) {
   management->queue()->sync([] {});
   management->sendMessageWithName("ping");
   EXPECT_EQ(ipc_->requested().size(), 3u);
+  // A message nobody asked for is logged and ignored: the connection stays.
+  EXPECT_TRUE(logged(LogLevel::Default, "unexpected event connecting to ZKV service"));
+  management->sendMessageWithName("ping");
+  EXPECT_EQ(ipc_->requested().size(), 3u);
+}
+
+// The daemon's description of a store, or word that there is none, as one console line.
+TEST_F(SourceTest, DebugDescriptionIsOneConsoleLineWithOrWithoutADaemon) {
+  auto console = std::make_shared<velmora::CapturingConsoleSink>();
+  services_.install(velmora::setConsoleSink, console);
+  const std::shared_ptr<NimbrelStore> store = NimbrelStore::storeForApplication("A", "S");
+  store->printDebugDescription();
+  startDaemon();
+  store->printDebugDescription();
+  NimbrelStore::storeForApplication("B")->printDebugDescription();
+  EXPECT_EQ(console->lines(), (std::vector<std::string>{"Can't get information on <NimbrelStore app=A store=S>",
+                                                        "<NimbrelStore app=A store=S>: {}", "<NimbrelStore app=B>: {}"}));
 }
 
 // Two senders fail on one connection: the first to retry replaces it, and
@@ -795,7 +824,9 @@ TEST_F(NimbrelStoreTest, AForcedHandOverReadsTheFileBackWithoutReportingItsOwnWr
   EXPECT_TRUE(source->synchronizeForced(true));
   EXPECT_EQ(loadState(*source).storageChangeCount, fileChangeCount());
   EXPECT_EQ(source->getValueForKey("a"), str("theirs"));
+  EXPECT_TRUE(source->hasExternalChanges());
   EXPECT_EQ(source->copyExternalChangesWithChangeCount(nullptr), (std::map<std::int64_t, std::vector<std::string>>{{0, {"a"}}}));
+  EXPECT_FALSE(source->hasExternalChanges());  // handed out once
 }
 
 // A value the bus's natural form cannot hold is handed over as it is and
