@@ -142,6 +142,15 @@ int behave(const std::string& name, sd_bus_message* call, const PropertyList& re
                                       static_cast<std::uint64_t>(ms) * 1000u, 0, replyLater,
                                       new Delayed(sd_bus_message_ref(call), echoOf(req)));
   }
+  if (name == "unsolicited") {  // echo, then a signal the requester alone gets
+    int r = replyWith(call, echoOf(req));
+    sd_bus_message* signal = nullptr;
+    if (r >= 0) r = sd_bus_message_new_signal(gBus, &signal, "/com/vantrel/velmorad", "com.vantrel.velmorad", "Unsolicited");
+    if (r >= 0) r = sd_bus_message_append(signal, "a{sv}", 1, "note", "s", "unsolicited");
+    if (r >= 0) r = sd_bus_send_to(gBus, signal, sd_bus_message_get_sender(call), nullptr);
+    sd_bus_message_unref(signal);
+    return r;
+  }
   return replyWith(call, echoOf(req));  // "echo", and any name not above
 }
 
