@@ -801,8 +801,7 @@ PropertyList Daemon::perform(StoreEntry& entry, const Request& request, bool* ch
   if (changes == nullptr || !changes->isDictionary()) {
     return makeErrorReply(kErrorMalformedRequest, "synchronize needs a \"changes\" dictionary");
   }
-  const ApplyOutcome outcome =
-      store.applyChanges(*changes->getDictionary(), ChangeOrigin::Client, limits_, &request.owner);
+  const ApplyOutcome outcome = store.applyChanges(*changes->getDictionary(), limits_, &request.owner);
   if (!outcome.accepted) {
     return makeErrorReply(outcome.readFailed    ? kErrorStoreUnreadable
                           : outcome.writeFailed ? kErrorWriteFailed

@@ -467,8 +467,7 @@ ApplyOutcome unreadable(const std::string& error) {
 }
 }  // namespace
 
-ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits,
-                                 const StoreOwner* owner) {
+ApplyOutcome Store::applyChanges(const PlistDictionary& changes, const StoreLimits& limits, const StoreOwner* owner) {
   ApplyOutcome outcome;
   // Validate everything before touching anything: one bad record refuses all.
   for (const auto& [key, record] : changes) {
@@ -491,22 +490,6 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
 
   std::string error;
   if (!load(&error)) return unreadable(error);
-  if (origin == ChangeOrigin::Server) {
-    // The server's records as they are, each a change made elsewhere.
-    ServerEdit edit;
-    edit.records = changes;
-    auto valuesIt = contents_->find(kStoreValuesKey);
-    const PlistDictionary empty;
-    const PlistDictionary& current = valuesIt != contents_->end() ? *valuesIt->second.getDictionary() : empty;
-    for (const auto& [key, record] : changes) {
-      auto existing = current.find(key);
-      const bool present = existing != current.end();
-      if (record.count() == 0 ? present : (!present || existing->second != record)) {
-        edit.journal.emplace(key, kJournalChangedElsewhere);
-      }
-    }
-    return applyServerEdit(edit);
-  }
 
   PlistDictionary next = *contents_;
   ValuesEdit edit(*contents_, next);
@@ -546,9 +529,7 @@ ApplyOutcome Store::applyChanges(const PlistDictionary& changes, ChangeOrigin or
     const PropertyList previous = existing != values.end() ? existing->second : PropertyList();
     std::int64_t timestamp = 0;
     const PropertyList* value = ZKVGetPropertyListAndTimestampFromStorage(record, &timestamp);
-    PropertyList merged = origin == ChangeOrigin::Client
-                              ? ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(*value, timestamp, previous)
-                              : record;
+    PropertyList merged = ZKVCreateStorageForPropertyListAndTimestampKeepRemoteValue(*value, timestamp, previous);
     if (merged == previous) continue;
 
     const std::uint64_t oldSize = previous.isNone() ? 0 : sizeOf(key);
@@ -704,12 +685,6 @@ bool Store::releaseJournal(const std::string& name, std::int64_t count) {
   if (it == clients_.end()) return true;  // an unregistered client holds nothing
   it->second = std::max(it->second, count);
   return pruneJournal();
-}
-
-std::vector<std::string> Store::clientNames() const {
-  std::vector<std::string> names;
-  for (const auto& [name, released] : clients_) names.push_back(name);
-  return names;
 }
 
 bool Store::pruneJournal() {

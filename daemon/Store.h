@@ -144,9 +144,6 @@ struct StoreLimits {
   velmora::PropertyList dictionary() const;
 };
 
-// Who made a change: a client of this machine, or (later) the sync server.
-enum class ChangeOrigin : std::uint8_t { Client, Server };
-
 // What applyChanges() and applyServerEdit() did. A value type the caller owns.
 struct ApplyOutcome {
   bool accepted = false;                 // false: the request was refused and nothing changed
@@ -198,17 +195,16 @@ class Store {
 
   // Merges changes (key -> storage record, an empty dictionary removes the
   // key) into the store. Every record must decode, or the whole request is
-  // refused with nothing changed. From a client: keys that would break
-  // limits are left out (listed in refusedKeys, nothing written for them),
-  // a written key keeps its remote value, removing a key the server knows
-  // (its record has a remote value) notes the deletion for the server, and
-  // a file without an owner gets owner (when given). From the server:
-  // records are taken as they are, journaled as changed elsewhere, without
-  // limits (the caller has applied them). When anything changed, the change
+  // refused with nothing changed. These are a client's changes (the
+  // server's go through applyServerEdit): keys that would break limits are
+  // left out (listed in refusedKeys, nothing written for them), a written
+  // key keeps its remote value, removing a key the server knows (its record
+  // has a remote value) notes the deletion for the server, and a file
+  // without an owner gets owner (when given). When anything changed, the change
   // count rises and the file is written durably before this returns; a read
   // or write failure refuses the request and leaves memory as it was. Loads
   // the file first when needed. Blocks on file I/O.
-  ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, ChangeOrigin origin, const StoreLimits& limits,
+  ApplyOutcome applyChanges(const velmora::PlistDictionary& changes, const StoreLimits& limits,
                             const StoreOwner* owner = nullptr);
 
   // Applies what the sync engine decided (see ServerEdit): the count rises
@@ -244,8 +240,6 @@ class Store {
   bool releaseJournal(const std::string& name, std::int64_t count);
   bool hasClient(const std::string& name) const { return clients_.contains(name); }
   bool hasClients() const noexcept { return !clients_.empty(); }
-  // The registered names in byte order; caller owns the vector.
-  std::vector<std::string> clientNames() const;
 
   // Rewrites the file in the current format (only when it exists). Returns
   // whether a file was written. Blocks on file I/O.

@@ -41,7 +41,7 @@ class StoreTest : public ::testing::Test {
   void TearDown() override { fs::remove_all(root_); }
 
   static ApplyOutcome apply(Store& store, const PlistDictionary& changes, const StoreLimits& limits = {}) {
-    return store.applyChanges(changes, ChangeOrigin::Client, limits);
+    return store.applyChanges(changes, limits);
   }
   PropertyList onDisk() const { return velmora::readPlistFile(path_.string()); }
   std::size_t entries(std::string_view part) const { return onDisk().find(part)->count(); }
@@ -66,6 +66,7 @@ class StoreTest : public ::testing::Test {
 TEST_F(StoreTest, TheFileHoldsValuesCountAndJournalAndChangesOnlyWhole) {
   Store store(path_);
   EXPECT_FALSE(apply(store, {{"ghost", kRemoval}}).written);  // nothing to remove: no file appears
+  EXPECT_FALSE(apply(store, {{"a", record("1")}, {"b", PropertyList::integer(2)}}).accepted);  // b: no record
   EXPECT_FALSE(fs::exists(path_));
   const ApplyOutcome first = apply(store, {{"a", record("1")}, {"b", record("2")}, {"c", record("3")}});
   ASSERT_TRUE(first.accepted && first.written && first.changeCount == 1) << first.error;
@@ -105,6 +106,17 @@ TEST_F(StoreTest, TheFileHoldsValuesCountAndJournalAndChangesOnlyWhole) {
   EXPECT_EQ(directory(), (std::set<std::string>{"com.example.app.plist", "com.example.app.plist.corrupt-1700000000",
                                                 "com.example.app.plist.Ab3xQ", "com.example.other.plist.Ab3xQ9"}));
   EXPECT_EQ(store.fileReads(), 0u);  // memory put back, not a reload
+
+  // Removing a key the server knows notes it for the server; setting it
+  // again takes the note back.
+  const PropertyList synced = ZKVCreateStorageForPropertyListTimestampAndRemoteValue(PropertyList::string("s"), 5,
+                                                                                     PropertyList::data({1}));
+  ASSERT_TRUE(velmora::testing::writePlistFile(path_.string(), storeWith({{"s", synced}}, 7)));
+  Store known(path_);
+  EXPECT_TRUE(apply(known, {{"s", kRemoval}}).written);
+  EXPECT_NE(onDisk().find("syncstate"), nullptr);
+  EXPECT_EQ(apply(known, {{"s", record("again")}}).changeCount, 9);
+  EXPECT_EQ(onDisk().find("syncstate"), nullptr);
 }
 
 // Only a file read whole that does not decode is damaged, and only a few

@@ -263,9 +263,14 @@ TEST(VelmoradBus, IdleStoresAreClosedAndRegistrationsAreBounded) {
     }
     EXPECT_LE(descriptors(), before + 8);
     EXPECT_GE(openStores(), 256);
-    // Defaults configurations are bounded in size too.
+    // Defaults configurations are bounded in size too; one kept shows in
+    // the store's description. A client can let go of a store.
     const PropertyList big = makeDictionary({{"blob", PropertyList::data(velmora::Bytes(2 << 20))}});
     EXPECT_EQ(errorCode(greedy.request("setDefaultsConfig", big, "org.madeup.app1")), 9);
+    const PropertyList small = makeDictionary({{"a", PropertyList::integer(1)}});
+    EXPECT_EQ(greedy.request("setDefaultsConfig", small, "org.madeup.app1"), kEmptyReply);
+    EXPECT_NE(greedy.debug("org.madeup.app1").find("Defaults configuration: {"), std::string::npos);
+    EXPECT_EQ(greedy.request("unregister", {}, "org.madeup.app1"), kEmptyReply);
   }
   EXPECT_TRUE(waitUntil([&] { return openStores() <= 2; }, kPatience)) << openStores();
   EXPECT_LE(descriptors(), before + 2);

@@ -239,6 +239,13 @@ TEST_F(VelmoraToolTest, ValuesReadBackAndRefusalsSayWhy) {
   }
   EXPECT_EQ(velmora({"--app", app, "get", "count"}).out, "42\n");
   EXPECT_EQ(storedValues(app).count(), values.size());
+  // Help, the tool's or one command's, asked for either way round.
+  for (const auto& [args, usage] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--help"}, "COMMAND"}, {{"help"}, "COMMAND"}, {{"help", "get"}, "get KEY"}, {{"get", "-h"}, "get KEY"}}) {
+    const Outcome run = velmora(args);
+    EXPECT_EQ(run.status, 0) << run;
+    EXPECT_EQ(run.out.rfind("usage: velmora [--app ID] [--store NAME] " + usage, 0), 0u) << run;
+  }
 
   // A refused key in a file to load: nothing of the file is written.
   ScratchDirectory scratch("velmora-tool-load");
