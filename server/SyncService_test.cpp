@@ -4,6 +4,7 @@
 #include "SyncService.h"
 
 #include <fcntl.h>
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -106,6 +107,11 @@ class SyncServiceTest : public ::testing::TestWithParam<std::string> {
     return reply;
   }
   pb::PushReply push(const pb::PushRequest& request, SyncCore* core = nullptr) { return push(request, alice_, core); }
+  // The status code of alice's push through core (the fixture's by default).
+  grpc::StatusCode pushCode(const pb::PushRequest& request, SyncCore* core = nullptr) {
+    pb::PushReply ignored;
+    return (core ? core : core_.get())->push(alice_, request, &ignored).error_code();
+  }
 
   pb::PullReply pull(const std::string& store, std::int64_t since = 0, int limit = 0, const Account* account = nullptr) {
     pb::PullRequest request;
@@ -157,21 +163,19 @@ TEST_P(SyncServiceTest, LastWriterWinsByTimestampAndTiesGoToTheLaterArrival) {
 }
 
 TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
-  pb::Record empty = valueRecord("", "v", 100);
-  pb::Record zero = valueRecord("zero", "v", 100);
-  zero.set_timestamp(0);
-  pb::Record garbage = valueRecord("garbage", "v", 100);
-  garbage.set_value("not a value");
-  pb::Record falseGzip = valueRecord("falsegzip", "v", 100);
-  falseGzip.set_gzipped(true);
-  pb::Record mismatch = valueRecord("mismatch", "v", 100);
-  mismatch.set_timestamp(101);
-  pb::Record nul = valueRecord(std::string("a\0b", 3), "v", 100);
+  // A good record of key with the fields text gives changed.
+  const auto changed = [](const std::string& key, const std::string& text) {
+    pb::Record record = valueRecord(key, "v", 100);
+    EXPECT_TRUE(google::protobuf::TextFormat::MergeFromString(text, &record)) << text;
+    return record;
+  };
   pb::Record trailing = valueRecord("trailing", "v", 100, true);  // stored whole, measured by its first member
   trailing.mutable_value()->append(std::string(4 << 20, 'j'));
-  pb::PushReply reply = push(pushOf("app", "dev", {empty, zero, garbage, falseGzip, mismatch, nul, trailing,
-                                                   valueRecord("soon", "v", kNow + kMaxFutureSeconds),
-                                                   valueRecord("later", "v", kNow + kMaxFutureSeconds + 1)}));
+  pb::PushReply reply = push(pushOf(
+      "app", "dev",
+      {changed("", ""), changed("zero", "timestamp: 0"), changed("garbage", "value: 'not a value'"),
+       changed("falsegzip", "gzipped: true"), changed("mismatch", "timestamp: 101"), changed(std::string("a\0b", 3), ""),
+       trailing, valueRecord("soon", "v", kNow + kMaxFutureSeconds), valueRecord("later", "v", kNow + kMaxFutureSeconds + 1)}));
   expectStatuses(reply, {kInvalid, kInvalid, kInvalid, kInvalid, kInvalid, kInvalid, kInvalid, kAccepted,
                          pb::PushResult::REFUSED_FUTURE});
   EXPECT_FALSE(reply.results(8).reason().empty());
@@ -184,13 +188,10 @@ TEST_P(SyncServiceTest, RefusesMalformedAndFutureRecords) {
   EXPECT_EQ(keysOf(pull("app")), std::vector<std::string>{"soon"});
 
   // Bad names, and a key given twice, refuse the whole call.
-  pb::PushReply ignored;
   for (const std::string& store : {std::string(), std::string("a\0b", 3), std::string(kMaxNameBytes + 1, 's')}) {
-    EXPECT_EQ(core_->push(alice_, pushOf(store, "dev", {valueRecord("k", "v", 100)}), &ignored).error_code(),
-              grpc::StatusCode::INVALID_ARGUMENT);
+    EXPECT_EQ(pushCode(pushOf(store, "dev", {valueRecord("k", "v", 100)})), grpc::StatusCode::INVALID_ARGUMENT);
   }
-  EXPECT_EQ(core_->push(alice_, pushOf("app", "dev", {deletion("k", 100), deletion("k", 101)}), &ignored).error_code(),
-            grpc::StatusCode::INVALID_ARGUMENT);
+  EXPECT_EQ(pushCode(pushOf("app", "dev", {deletion("k", 100), deletion("k", 101)})), grpc::StatusCode::INVALID_ARGUMENT);
 }
 
 TEST_P(SyncServiceTest, RefusesKeysOverTheStoreLimitsOneByOne) {
@@ -256,10 +257,9 @@ TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) 
   EXPECT_EQ(stores.ShortDebugString(), R"(stores { store: "s1" revision: 5 } stores { store: "s2" revision: 4 })");
 
   // Another account: its own revisions, and none of alice's records.
-  EXPECT_EQ(pull("s1", 0, 0, &bob_).records_size(), 0);
+  EXPECT_EQ(pageOf(pull("s1", 0, 0, &bob_)), Page({}, 0, true));
   pb::PushReply bobs = push(pushOf("s1", "bob-dev", {valueRecord("k1", "bob", 90)}), bob_);
-  EXPECT_EQ(bobs.results(0).status(), kAccepted);
-  EXPECT_EQ(bobs.revision(), 1);
+  EXPECT_EQ(std::make_pair(bobs.results(0).status(), bobs.revision()), std::make_pair(kAccepted, std::int64_t{1}));
   EXPECT_EQ(pull("s1").records(2).ShortDebugString(), k1.ShortDebugString());
 }
 
@@ -267,11 +267,9 @@ TEST_P(SyncServiceTest, PullPagesTheNewestVersionOfEachKeyByRevisionPerAccount) 
 TEST_P(SyncServiceTest, AccountsAreBoundedInStoresDeletionsPagesAndTokens) {
   // Stores: a push that would start a third fails whole; the others go on.
   std::unique_ptr<SyncCore> two = makeCore({}, nullptr, 2);
-  pb::PushReply reply;
-  for (const char* store : {"s1", "s2", "s3", "s1"}) {
-    grpc::Status status = two->push(alice_, pushOf(store, "dev", {deletion(store + std::string("k"), 100)}), &reply);
-    const bool third = store == std::string("s3");
-    EXPECT_EQ(status.error_code(), third ? grpc::StatusCode::FAILED_PRECONDITION : grpc::StatusCode::OK) << store;
+  for (const std::string store : {"s1", "s2", "s3", "s1"}) {
+    EXPECT_EQ(pushCode(pushOf(store, "dev", {deletion(store + "k", 100)}), two.get()),
+              store == "s3" ? grpc::StatusCode::FAILED_PRECONDITION : grpc::StatusCode::OK) << store;
   }
   // Deletion records outlive the retention by no more than a prune; a
   // store left without records goes, making room for another.
@@ -282,7 +280,7 @@ TEST_P(SyncServiceTest, AccountsAreBoundedInStoresDeletionsPagesAndTokens) {
   ASSERT_TRUE(pruned.ok()) << pruned.error();
   EXPECT_EQ(pruned.value(), 2);
   EXPECT_EQ(keysOf(pull("s1")), (std::vector<std::string>{"live", "fresh"}));
-  EXPECT_TRUE(two->push(alice_, pushOf("s4", "dev", {deletion("k", 100)}), &reply).ok());
+  EXPECT_EQ(pushCode(pushOf("s4", "dev", {deletion("k", 100)}), two.get()), grpc::StatusCode::OK);
 
   // Pages stop short of the bytes a device receives, and skip a record no
   // device could receive at all.
@@ -332,14 +330,12 @@ TEST_P(SyncServiceTest, ConcurrentPushesThroughSeveralNodesGetDistinctRevisions)
         // Each node's own key, and one key every node fights over with
         // distinct timestamps: the highest must end up stored.
         const std::int64_t timestamp = 1000 + i * kNodes + node;
-        pb::PushRequest request =
-            pushOf("app", "node" + std::to_string(node),
-                   {valueRecord("own" + std::to_string(node) + "-" + std::to_string(i), "v", timestamp),
-                    valueRecord("shared", "from " + std::to_string(node), timestamp)});
-        pb::PushReply reply;
-        grpc::Status status = cores[static_cast<std::size_t>(node)]->push(alice_, request, &reply);
+        const pb::PushReply reply =
+            push(pushOf("app", "node" + std::to_string(node),
+                        {valueRecord("own" + std::to_string(node) + "-" + std::to_string(i), "v", timestamp),
+                         valueRecord("shared", "from " + std::to_string(node), timestamp)}),
+                 cores[static_cast<std::size_t>(node)].get());
         std::lock_guard lock(mutex);
-        ASSERT_TRUE(status.ok()) << status.error_message();
         for (const pb::PushResult& result : reply.results()) {
           if (result.status() == kAccepted) revisions.push_back(result.winner().revision());
         }
