@@ -95,18 +95,22 @@ grpc::StatusCode endOf(OpenWatch& watch) {
   return watch.reader->Finish().error_code();
 }
 
-TEST(VelmoraServerTest, CommandLineRefusesWhatItCannotServeSafely) {
-  velmora::testing::ScratchDirectory directory("velmora-server-cli");
+// The command line refuses what it cannot serve safely. Every call needs
+// its account's token, checked before the message is read; a token replaced
+// by the command line ends its watches, which are capped per account.
+TEST(VelmoraServerTest, CommandLineAndTokensGateEveryCallAndAReplacedTokenEndsItsWatches) {
+  velmora::testing::ScratchDirectory directory("velmora-server-tokens");
   const std::string db = directory.file("sync.sqlite");
+  const std::vector<std::string> storage = {"--sqlite", db};
   // Plaintext off loopback, and malformed command lines: exit 2 before serving.
   const std::string local = "serve --listen 127.0.0.1:0 --sqlite DB ";
-  const std::vector<std::string> refused = {
+  const std::vector<std::string> badCommands = {
       "serve --listen 0.0.0.0:0 --sqlite DB", "serve --listen [::]:0 --sqlite DB",
       "serve --listen 192.168.1.2:80 --sqlite DB", "serve --listen 127.0.0.1:70000 --sqlite DB",
       "serve --listen [::1:0 --sqlite DB", "serve --sqlite DB", local + "--postgres dbname=x",
       local + "--max-key-count 0", local + "--tls-cert DB", local + "--max-stores 0", local + "--keep-deletions 1d",
       "frobnicate", "account add --sqlite DB", "account token --sqlite DB"};
-  for (const std::string& command : refused) {
+  for (const std::string& command : badCommands) {
     std::vector<std::string> args;
     std::istringstream words(command);
     for (std::string word; words >> word;) args.push_back(word == "DB" ? db : word);
@@ -114,22 +118,12 @@ TEST(VelmoraServerTest, CommandLineRefusesWhatItCannotServeSafely) {
     EXPECT_EQ(status, 2) << command;
     EXPECT_EQ(line.find("listening"), std::string::npos);
   }
-  const std::string token = newToken(runToEnd({"account", "add", "alice"}, {"--sqlite", db}));
-  EXPECT_EQ(runToEnd({"account", "add", "alice", "--sqlite", db}).first, 1) << "a second alice";
-  EXPECT_EQ(runToEnd({"account", "token", "nobody", "--sqlite", db}).first, 1);
-  // Limits that let one record outgrow a pull page are refused.
-  EXPECT_EQ(runToEnd({"serve", "--listen", "127.0.0.1:0", "--sqlite", db, "--max-key-data-len", "4194304"}).first, 1);
-}
-
-// Every call needs its account's token, checked before the message is read;
-// a token replaced by the command line ends its watches, which are capped
-// per account.
-TEST(VelmoraServerTest, TokensGateEveryCallAndAReplacedOneEndsItsWatches) {
-  velmora::testing::ScratchDirectory directory("velmora-server-tokens");
-  const std::vector<std::string> storage = {"--sqlite", directory.file("sync.sqlite")};
   const std::string token = newToken(runToEnd({"account", "add", "alice"}, storage));
   const std::string bobToken = newToken(runToEnd({"account", "add", "bob"}, storage));
-  EXPECT_NE(bobToken, token);
+  EXPECT_EQ(runToEnd({"account", "add", "alice"}, storage).first, 1) << "a second alice";
+  EXPECT_EQ(runToEnd({"account", "token", "nobody"}, storage).first, 1);
+  // Limits that let one record outgrow a pull page are refused.
+  EXPECT_EQ(runToEnd({"serve", "--listen", "127.0.0.1:0", "--max-key-data-len", "4194304"}, storage).first, 1);
   RunningServer server = serve("127.0.0.1:0", {storage[0], storage[1], "--max-key-count", "7", "--max-watches", "3"});
   ASSERT_TRUE(server.process);
 
@@ -143,6 +137,7 @@ TEST(VelmoraServerTest, TokensGateEveryCallAndAReplacedOneEndsItsWatches) {
       {"Bearer " + hashToken(token), refused}, {"bearer " + token, grpc::StatusCode::OK},
   };
   TokenClient anonymous = TokenClient::plaintext(server.address, "");
+  const pb::PushRequest huge = pushOf("app", "dev", {valueRecord("k", std::string(9 << 20, 'h'), now())});
   for (const auto& [authorization, expected] : cases) {
     SCOPED_TRACE(authorization.value_or("(none)"));
     auto context = [&anonymous, &authorization = authorization] {
@@ -150,8 +145,11 @@ TEST(VelmoraServerTest, TokensGateEveryCallAndAReplacedOneEndsItsWatches) {
       if (authorization) c->AddMetadata("authorization", *authorization);
       return c;
     };
+    // Refused before its message is read, even one past the size allowed to
+    // accounts (which would fail with RESOURCE_EXHAUSTED).
     pb::PushReply pushReply;
-    EXPECT_EQ(anonymous.stub().Push(context().get(), pushOf("app", "dev", {}), &pushReply).error_code(), expected);
+    const pb::PushRequest request = expected == grpc::StatusCode::OK ? pushOf("app", "dev", {}) : huge;
+    EXPECT_EQ(anonymous.stub().Push(context().get(), request, &pushReply).error_code(), expected);
     pb::PullRequest pullRequest;
     pullRequest.set_store("app");
     pb::PullReply pullReply;
@@ -168,10 +166,6 @@ TEST(VelmoraServerTest, TokensGateEveryCallAndAReplacedOneEndsItsWatches) {
     OpenWatch watch{context(), nullptr};
     watch.reader = anonymous.stub().Watch(watch.context.get(), {});
     EXPECT_EQ(endOf(watch), expected);
-    // Turned away before its message is read, even one past the size
-    // allowed to accounts (which would fail with RESOURCE_EXHAUSTED).
-    pb::PushRequest huge = pushOf("app", "dev", {valueRecord("k", std::string(9 << 20, 'h'), now())});
-    EXPECT_EQ(anonymous.stub().Push(context().get(), huge, &pushReply).error_code(), expected);
   }
 
   TokenClient alice = TokenClient::plaintext(server.address, token);
@@ -306,8 +300,8 @@ TEST(VelmoraServerTest, TwoNodesOverOnePostgresServeOneAccount) {
   ASSERT_TRUE(cluster->resume(&error)) << error;
   EXPECT_EQ(endOf(watch), grpc::StatusCode::UNAVAILABLE);
   ASSERT_TRUE(viaA.push(pushOf("org.example.App", "dev-a", {valueRecord("k", "w", now() + 1)}), &reply).ok());
-  EXPECT_EQ(reply.results(0).winner().revision(), 3);
-  EXPECT_EQ(reply.results(0).status(), pb::PushResult::ACCEPTED);
+  EXPECT_EQ(std::make_pair(reply.results(0).status(), reply.results(0).winner().revision()),
+            std::make_pair(pb::PushResult::ACCEPTED, std::int64_t{3}));
   watchA.context->TryCancel();
   stopCleanly(nodeA);
   stopCleanly(nodeB);
