@@ -161,6 +161,11 @@ std::vector<CapturedLogLine> CapturingLogSink::lines() const {
   return lines_;
 }
 
+void CapturingLogSink::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
 bool CapturingLogSink::contains(std::string_view text) const {
   std::lock_guard lock(mutex_);
   for (const auto& line : lines_) {
@@ -252,6 +257,11 @@ void CapturingConsoleSink::writeLine(std::string_view line) {
 std::vector<std::string> CapturingConsoleSink::lines() const {
   std::lock_guard lock(mutex_);
   return lines_;
+}
+
+void CapturingConsoleSink::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
 }
 
 bool CapturingConsoleSink::contains(std::string_view text) const {

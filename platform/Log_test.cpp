@@ -62,6 +62,8 @@ TEST(LogTest, StreamAndConsoleLines) {
   scoped.install(setConsoleSink, console);
   consoleLog("to the console");
   EXPECT_EQ(console->lines(), std::vector<std::string>{"to the console"});
+  console->clear();
+  EXPECT_TRUE(console->lines().empty());
 }
 
 // The journal's PRIORITY field: syslog's numbers.

@@ -118,6 +118,8 @@ class CapturingLogSink final : public LogSink {
 
   // A copy of the lines so far, oldest first.
   std::vector<CapturedLogLine> lines() const;
+  // Forgets the lines so far.
+  void clear();
   // Whether any captured message contains text.
   bool contains(std::string_view text) const;
 
@@ -205,6 +207,7 @@ class CapturingConsoleSink final : public ConsoleSink {
  public:
   void writeLine(std::string_view line) override;
   std::vector<std::string> lines() const;
+  void clear();
   bool contains(std::string_view text) const;
 
  private:
