@@ -3,11 +3,13 @@
 // the aborts on misuse. Waits have deadlines so that lost
 // work fails a test instead of hanging it.
 #include "velmora/platform/Dispatch.h"
+#include "velmora/platform/Transaction.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
 
 #include <atomic>
+#include <future>
 #include <numeric>
 #include <stdexcept>
 #include <thread>
@@ -54,6 +56,13 @@ TEST(DispatchQueueTest, ItemsRunOneAtATimeInOrderAndSyncRunsOnTheCaller) {
   });
   EXPECT_FALSE(overlapped);
   EXPECT_FALSE(syncElsewhere);
+
+  // A backlog longer than one batch: the worker hands the queue back between batches.
+  std::promise<void> gate;
+  queue->async([opened = gate.get_future().share()] { opened.wait(); });
+  for (int i = 0; i < 40; ++i) queue->async([&running] { running.fetch_add(1); });
+  gate.set_value();
+  queue->sync([&] { EXPECT_EQ(running.load(), 40); });
 }
 
 TEST(DispatchQueueTest, SyncPassesExceptionsOnAndReleasesTheQueue) {
@@ -204,6 +213,24 @@ int driveTheMainQueueFromThisThread() {
 
 TEST_F(DispatchDeathTest, ApplicationDrivenMainQueueRunsOnlyInDrain) {
   EXPECT_EXIT(std::exit(driveTheMainQueueFromThisThread()), ::testing::ExitedWithCode(0), "");
+}
+
+// A keep-alive transaction counts while it lives; the observer sees each
+// change with the count already updated.
+TEST(KeepAliveTransactionTest, CountFollowsLifetimes) {
+  const std::size_t base = KeepAliveTransaction::activeCount();
+  std::vector<std::size_t> seen;
+  KeepAliveTransaction::setObserver([&](std::size_t n) {
+    EXPECT_EQ(KeepAliveTransaction::activeCount(), n);
+    seen.push_back(n - base);
+  });
+  {
+    KeepAliveTransaction outer("outer");
+    const KeepAliveTransaction inner("inner");
+    EXPECT_EQ(inner.name(), "inner");
+  }
+  KeepAliveTransaction::setObserver({});
+  EXPECT_EQ(seen, (std::vector<std::size_t>{1, 2, 1, 0}));
 }
 
 }  // namespace

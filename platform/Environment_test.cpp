@@ -1,6 +1,8 @@
 #include "velmora/platform/Environment.h"
 
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -64,6 +66,21 @@ TEST(EnvironmentIdentityTest, PeerProcessFromProcTree) {
             "org.example.Notes");
   EXPECT_EQ(process(300, "", "/usr/lib/app/bin/viewer"), "viewer");  // environ unreadable: the executable
   EXPECT_EQ(applicationIdentifierOfProcess(400, proc.path().string()), std::nullopt);
+}
+
+// An empty or unset HOME falls back to the user database.
+TEST(EnvironmentTest, HomeFallsBackToTheUserDatabase) {
+  const char* const old = std::getenv("HOME");
+  const std::string saved = old ? old : "";
+  for (const char* home : {"", static_cast<const char*>(nullptr)}) {
+    if (home) ::setenv("HOME", home, 1);
+    else ::unsetenv("HOME");
+    const passwd* entry = ::getpwuid(::getuid());
+    ASSERT_TRUE(entry != nullptr && entry->pw_dir != nullptr);
+    EXPECT_EQ(SystemEnvironment().homeDirectory().value_or(""), entry->pw_dir);
+  }
+  if (old) ::setenv("HOME", saved.c_str(), 1);
+  EXPECT_FALSE(SystemEnvironment().isSandboxed());
 }
 
 }  // namespace

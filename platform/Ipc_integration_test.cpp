@@ -82,14 +82,20 @@ class IpcTest : public ::testing::Test {
   std::shared_ptr<Lines> journal_ = std::make_shared<Lines>();  // contents touched only on queue_
 };
 
-// A reply that is no dictionary is malformed. (Timeouts are checked by
-// ZKVClientBusTest.SilentDaemonTimesOutOnlySynchronousRequests.)
-TEST_F(IpcTest, OddRepliesAreMalformed) {
+// A reply that is no dictionary is malformed, no reply times out, a signal
+// from the service is an event, and a bad name gives a dead connection.
+TEST_F(IpcTest, OddRepliesTimeoutsSignalsAndBadNames) {
   auto responder = startResponder(name_);
   ASSERT_TRUE(responder);
   auto connection = connectTo();
   for (const char* shape : {"u", "none", "dict-int-keys"})
     EXPECT_EQ(outcome(connection->sendAndWait(request("odd", {{"shape", str(shape)}}))), "malformed-reply") << shape;
+  connection->setCallTimeout(200ms);
+  EXPECT_EQ(outcome(connection->sendAndWait(request("silent"))), "timeout");
+  ASSERT_TRUE(connection->sendAndWait(request("unsolicited")).ok());
+  EXPECT_TRUE(waitFor("event:unsolicited-message"));
+  EXPECT_EQ(outcome(DbusIpcService().connect("not a bus name", queue_)->sendAndWait(request("echo"))),
+            "connection-invalid");
 }
 
 // (The synchronous caller's side, and the connection living on, are checked

@@ -56,6 +56,21 @@ TEST(LogTest, StreamAndConsoleLines) {
   EXPECT_TRUE(std::regex_match(text, std::regex(time + "tool\\[" + std::to_string(::getpid()) + "\\] ready\n")))
       << text;
   ::close(fd);
+
+  // consoleLog goes to the installed console sink, one line per call.
+  auto console = std::make_shared<CapturingConsoleSink>();
+  scoped.install(setConsoleSink, console);
+  consoleLog("to the console");
+  EXPECT_EQ(console->lines(), std::vector<std::string>{"to the console"});
+  console->clear();
+  EXPECT_TRUE(console->lines().empty());
+}
+
+// The journal's PRIORITY field: syslog's numbers.
+TEST(LogTest, JournalPriorities) {
+  const std::pair<LogLevel, int> priorities[] = {
+      {LogLevel::Debug, 7}, {LogLevel::Info, 6}, {LogLevel::Default, 5}, {LogLevel::Error, 3}, {LogLevel::Fault, 2}};
+  for (const auto& [level, priority] : priorities) EXPECT_EQ(journalPriority(level), priority) << priority;
 }
 
 }  // namespace

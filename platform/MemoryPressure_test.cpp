@@ -87,6 +87,7 @@ TEST_F(MemoryPressureTest, OpeningTakesTheFirstWatchThatAcceptsItsTrigger) {
   EXPECT_EQ(opened->mode, OpenedMemoryPressureWatch::Mode::Average);
   write("proc/pressure/memory", "no figures\n");
   EXPECT_EQ(openMemoryPressureWatch(fallback), std::nullopt);
+  EXPECT_EQ(openMemoryPressureWatch({MemoryPressureWatch{}})->mode, OpenedMemoryPressureWatch::Mode::None);  // disabled
 }
 
 // The watch thread runs only while a handler is registered, and turns what

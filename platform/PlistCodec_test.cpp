@@ -347,7 +347,12 @@ TEST(BinaryPlist, RejectsMalformedFiles) {
       {{{{0x00}}}, "null object"}, {{{{0x80, 0x01}}}, "uid"}, {{wideInt(1, 0)}, "needs 65 bits"},
       {{{{0x13, 0, 0, 0}}}, "integer cut short"}, {{{{0x33, 0, 0, 0, 0}}}, "date cut short"},
       {{array({0})}, "cycle onto itself"}, {{array({1}), array({2}), array({0})}, "cycle of three"},
-      {{dict({1}, {0}), ascii("k")}, "cycle through a dictionary"},
+      {{dict({1}, {0}), ascii("k")}, "cycle through a dictionary"}, {{{{0x21, 0, 0}}}, "2-byte real"},
+      {{{{0x22, 0, 0}}}, "real cut short"}, {{{{0x23, 0, 0, 0, 0}}}, "double cut short"},
+      {{{{0x15}}}, "32-byte integer"}, {{{{0x5F, 0x50}}}, "count not an integer"}, {{{{0x4F}}}, "count missing"},
+      {{{{0x43, 1}}}, "data cut short"}, {{{{0x53, 'a'}}}, "string cut short"},
+      {{{{0x62, 0, 0x41}}}, "UTF-16 cut short"}, {{dict({1}, {2}), {{0x51, 0xE9}}, int8(1)}, "non-ASCII key"},
+      {{dict({1}, {2}), {{0x5F}}, int8(1)}, "key count missing"},
   };
   for (std::uint64_t count : {~0ull, ~0ull / 2 + 1, ~0ull / 8 + 1}) {  // byte sizes that overflow 64 bits
     RawObject huge{{0xAF, 0x13}};
