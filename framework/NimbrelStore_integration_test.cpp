@@ -770,7 +770,8 @@ TEST_F(NimbrelStoreTest, ObserversHearOnlyNewChangesOnTheMainQueueBeforeTheJourn
   std::vector<NimbrelChange> heard;  // guarded by mutex, as are the two below
   bool onMain = true, journaled = true;
   (void)store->addObserver([&](const NimbrelChange& change) {
-    const PropertyList* journal = device_.storeFile(app_).find("journal");
+    const PropertyList file = device_.storeFile(app_);  // held: find() lends into it
+    const PropertyList* journal = file.find("journal");
     std::lock_guard lock(mutex);
     heard.push_back(change);
     onMain = onMain && velmora::DispatchQueue::main().isCurrent();
