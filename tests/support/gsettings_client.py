@@ -15,13 +15,13 @@ gi.require_version("Gio", "2.0")
 from gi.repository import Gio, GLib  # noqa: E402
 
 
-def open_settings(spec):
-    schema, _, path = spec.partition(":")
+def open_settings(schema_path):
+    schema, _, path = schema_path.partition(":")
     return Gio.Settings.new_with_path(schema, path) if path else Gio.Settings.new(schema)
 
 
-def main(mode, spec, rounds=0):
-    settings, loop, seen = open_settings(spec), GLib.MainLoop(), []
+def main(mode, schema_path, rounds=0):
+    settings, loop, seen = open_settings(schema_path), GLib.MainLoop(), []
     if mode == "watch":
         for name in settings.props.settings_schema.list_keys():
             settings.connect("changed::" + name, lambda s, key: print(key, s.get_value(key).print_(True), flush=True))
@@ -37,7 +37,7 @@ def main(mode, spec, rounds=0):
         GLib.timeout_add(2, look)
     elif mode == "tree":
         settings.connect("changed::t1", lambda *_: seen.append(1))
-        delayed = open_settings(spec)
+        delayed = open_settings(schema_path)
         delayed.delay()
 
         def write(count=[0]):
